@@ -1,0 +1,11 @@
+// Runs the tests inside a QCoreApplication: the installation root, the
+// logger's file name and the INI helpers all depend on it.
+#include <QCoreApplication>
+#include <gtest/gtest.h>
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
