@@ -88,6 +88,14 @@ public:
     bool m_EntryTableOverflow;
 
 private:
+    // Walks the volumes of one DB type until the first missing one.
+    void WalkDbType(const char* dbType);
+    // Steps of one database's run.
+    bool CreateStatusFile();
+    bool PrepareDirectories();
+    void IndexBucket(int bucket, int lastMergedFile, int dbCount);
+    void CompleteStatusFile();
+
     bool RotateIndexFiles(int bucket);
 };
 

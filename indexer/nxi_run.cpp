@@ -1,1 +1,192 @@
-// under construction
+// One database's run: directories, the status file under construction, the
+// paced loop over the 256 buckets, and the completion of the status file.
+#include "commonfun.h"
+#include "indexformat.h"
+#include "nxi.h"
+#include "nxilog.h"
+
+#include <QDir>
+#include <QThread>
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr unsigned long kBucketPauseMs = 50;
+
+// True when the directory exists or could be created (one level).
+bool ensureDirectory(const QString& path)
+{
+    return QDir(path).exists() || QDir().mkdir(path);
+}
+
+// The status file head: the 256 block offsets, little-endian.
+void encodeStatusHead(const uint32_t* offsets, unsigned char* head)
+{
+    for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket)
+        nxformat::writeLE32(head + 4 * bucket, offsets[bucket]);
+}
+
+} // namespace
+
+void nxi::StartIndexer(char* dbName)
+{
+    NXI_ERROR("In StartIndexer");
+    std::memset(m_DbName, 0, sizeof m_DbName);
+    std::strncpy(m_DbName, dbName, sizeof m_DbName - 1);
+    std::memset(m_SbfOffsets, 0, sizeof m_SbfOffsets);
+    m_SbfTmpPath = nxformat::pendingStatusFilePath(m_HostPath, m_DbName);
+    m_SbfPath = nxformat::statusFilePath(m_HostPath, m_DbName);
+
+    // Without a status file whose head is in place, blocks appended later
+    // would end up where the head belongs: the run ends instead.
+    if (!CreateStatusFile())
+        return;
+    if (!PrepareDirectories())
+        return;
+
+    m_FullIndexing = false;
+    if (IsToDoFullIndexing(m_DbName))
+        m_FullIndexing = true;
+    if (GetDBCount() == 0) {
+        NXI_ERROR("DB count to be indexed is zero!");
+        DeleteFile(m_SbfTmpPath);
+        return;
+    }
+
+    int lastMerged[nxformat::kBucketCount];
+    for (int& mark : lastMerged)
+        mark = -1;
+    getHlpINIData(lastMerged, m_HlIniPath);
+    NXI_TRACE("Indexing for DB - %s", m_DbName);
+    const int dbCount = GetValDBCount();
+
+    for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket) {
+        QThread::msleep(kBucketPauseMs);
+        IndexBucket(bucket, lastMerged[bucket], dbCount);
+    }
+    CompleteStatusFile();
+}
+
+bool nxi::CreateStatusFile()
+{
+    const QByteArray path = m_SbfTmpPath.toUtf8();
+    FILE* file = std::fopen(path.constData(), "wb+");
+    if (!file) {
+        NXI_ERROR("Error:Could not open following file for writing- %s", path.constData());
+        return false;
+    }
+    unsigned char head[nxformat::kStatusHeadSize] = {};
+    encodeStatusHead(m_SbfOffsets, head);
+    const bool written = std::fwrite(head, sizeof head, 1, file) == 1;
+    if (!written)
+        NXI_ERROR("Error:fwrite failed for the following file- %s", path.constData());
+    if (std::fclose(file) != 0 || !written) {
+        DeleteFile(m_SbfTmpPath);
+        return false;
+    }
+    return true;
+}
+
+bool nxi::PrepareDirectories()
+{
+    m_HlPath = QString::asprintf("%s/hl/", m_HostPath.toUtf8().constData());
+    ensureDirectory(m_HlPath);  // a missing helper root shows below, at the database's helper directory
+
+    m_IdxnDbPath = QString::asprintf("%s/idxn/", m_HostPath.toUtf8().constData());
+    if (!ensureDirectory(m_IdxnDbPath)) {
+        NXI_ERROR("Error: Could not create idxn directory in txhost - %s", m_IdxnDbPath.toUtf8().constData());
+        return false;
+    }
+    m_IdxnDbPath += m_DbName;
+    if (!ensureDirectory(m_IdxnDbPath)) {
+        NXI_ERROR("Error: Could not create idxn db directory in txhost - %s", m_IdxnDbPath.toUtf8().constData());
+        return false;
+    }
+    m_HlDbPath = m_HlPath + m_DbName;
+    if (!ensureDirectory(m_HlDbPath)) {
+        NXI_ERROR("Error: Could not create idx directory in Talvex root path!");
+        return false;
+    }
+    m_HlIniPath = QString::asprintf("%s/%shl.ini", m_HlDbPath.toUtf8().constData(), m_DbName);
+    if (!ensureDirectory(m_HlDbPath)) {
+        NXI_ERROR("Could not create helper directory in hl path!");
+        return false;
+    }
+    m_HlpPath = QString::asprintf("%s/hlp", m_HlDbPath.toUtf8().constData());
+    if (!ensureDirectory(m_HlpPath)) {
+        NXI_ERROR("Could not create helper directory in Talvex application data path!");
+        return false;
+    }
+    return true;
+}
+
+// Merges one bucket's new records with its helper file, writes its index
+// files and records how far it got. A bucket that fails keeps its old mark,
+// so the same source files are taken again next time.
+void nxi::IndexBucket(int bucket, int lastMergedFile, int dbCount)
+{
+    char bucketName[50] = {};
+    std::snprintf(bucketName, sizeof bucketName, "%02x", bucket);
+    NXI_TRACE(bucketName);
+
+    const int firstFile = lastMergedFile + 1;
+    int lastFile = 0;
+    const DWORD size = CalculateSizeOfIndex(bucket, firstFile, false, &lastFile, dbCount);
+    if (size == 0)
+        return;
+
+    DWORD allocSize = 0;
+    bool hasHelper = false;
+    if (!AllocateIndexBuffer(bucket, size, &hasHelper, &allocSize))
+        return;
+    if (hasHelper)
+        ReadHelperFile(bucket);
+    lastFile = 0;
+    CalculateSizeOfIndex(bucket, firstFile, true, &lastFile, dbCount);
+    if (m_EntryTableOverflow) {
+        // A source or helper file grew between the passes; what was copied
+        // is incomplete, so nothing of this bucket is written.
+        ReleaseIndexBuffer();
+        return;
+    }
+
+    SortEntryTable(allocSize);
+    if (WriteAllIndexing(bucket, allocSize))
+        Updateini(bucket, lastFile);
+    else
+        Updateini(bucket, lastMergedFile);
+}
+
+void nxi::CompleteStatusFile()
+{
+    const QByteArray path = m_SbfTmpPath.toUtf8();
+    FILE* file = std::fopen(path.constData(), "rb+");
+    if (!file) {
+        NXI_ERROR("Error:Could not open following file for writing - %s", path.constData());
+        DeleteFile(m_SbfTmpPath);
+        return;
+    }
+    std::fseek(file, 0, SEEK_END);
+    const DWORD size = DWORD(std::ftell(file));
+    std::fseek(file, 0, SEEK_SET);
+
+    // The head's offsets are written last: until now a reader could not have
+    // told a block from a half-written one.
+    unsigned char head[nxformat::kStatusHeadSize];
+    encodeStatusHead(m_SbfOffsets, head);
+    const bool written = std::fwrite(head, sizeof head, 1, file) == 1;
+    if (std::fclose(file) != 0 || !written)
+        NXI_ERROR("Error:fwrite failed for the following file- %s", path.constData());
+
+    if (size <= nxformat::kStatusHeadSize) {
+        DeleteFile(m_SbfTmpPath);  // no bucket written: the previous status file stays
+        return;
+    }
+    m_CommonFun->WritePrivateProfileString(nxformat::kSbfSizeSection, nxformat::sbfSizeKey(m_DbName),
+                                           nxformat::sbfSizeValue(int(size)),
+                                           nxformat::sbfSizeRecordPath(m_HostPath));
+    if (!m_CommonFun->MoveFile(m_SbfTmpPath, m_SbfPath))
+        NXI_ERROR("Error:MoveFileEx failed for the following file- %s", path.constData());
+}
