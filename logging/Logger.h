@@ -5,6 +5,7 @@
 
 #include <QDateTime>
 #include <QString>
+#include <QStringList>
 #include <cstdarg>
 #include <cstdio>
 #include <string>
@@ -70,6 +71,9 @@ public:
     // The running program's name: the first argument's file name, else the
     // whole first argument, else the name behind /proc/self/exe, else "Unknown".
     static QString programName();
+    // The rule behind programName(), given the argument list (empty without a
+    // core application object) and the resolved "/proc/self/exe" path.
+    static QString programNameFrom(QStringList const& arguments, QString const& resolvedExePath);
 
 private:
     CLogger();
@@ -77,8 +81,11 @@ private:
     void lock();
     void unlock();
     void moveToBackupIfOversized();
-    void writeReport(bool passes, char const* tag, char const* function, char const* codePiece,
-                     char const* format, va_list args);
+    void moveToBackup();
+    void closeFile();
+    void writeReport(bool passes, char const* tag, char const* function,
+                     std::string const& codePiece, char const* format, va_list args);
+    void writeNewBody(std::string const& body);
     void writeCountLine();
 
     std::string m_LastMessage;
