@@ -1,0 +1,193 @@
+#include "ynsample.h"
+
+#include "commonfun.h"
+#include "indexformat.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+namespace ynsample {
+
+namespace {
+
+// Helper files draw from their own stream, apart from every file number.
+constexpr uint64_t kHelperStream = 0xFFFFFFFFull;
+constexpr int kMaxHelperRecords = 3;
+
+// Every source file and every database's helper files get a stream of their
+// own, so a file's bytes depend only on the seed, its database and its number.
+uint64_t streamSeed(uint64_t seed, const QString& db, uint64_t stream)
+{
+    uint64_t nameHash = 0xcbf29ce484222325ull;  // FNV-1a
+    for (char c : db.toLatin1()) {
+        nameHash ^= uint8_t(c);
+        nameHash *= 0x100000001b3ull;
+    }
+    return SplitMix64(seed ^ nameHash ^ (stream * 0x9E3779B97F4A7C15ull)).next();
+}
+
+// How many of the file's records fall into each bucket.
+QVector<uint32_t> drawBucketCounts(SplitMix64& rng, int records)
+{
+    QVector<uint32_t> counts(nxformat::kBucketCount, 0);
+    for (int i = 0; i < records; ++i)
+        ++counts[int(rng.next() >> 56)];
+    return counts;
+}
+
+// count records of bucket: key byte 3 is the bucket, bytes 0-2 and the
+// payload are random.
+QByteArray drawRecords(SplitMix64& rng, int bucket, uint32_t count)
+{
+    QByteArray records(int(count * nxformat::kRecordSize), '\0');
+    auto* p = reinterpret_cast<unsigned char*>(records.data());
+    for (uint32_t i = 0; i < count; ++i, p += nxformat::kRecordSize) {
+        uint64_t bits = rng.next();
+        nxformat::writeLE32(p, (uint32_t(bucket) << 24) | uint32_t(bits & 0xFFFFFF));
+        nxformat::writeLE32(p + nxformat::kPayloadOffset, uint32_t(bits >> 32));
+        uint64_t more = rng.next();
+        nxformat::writeLE32(p + nxformat::kPayloadOffset + 4, uint32_t(more));
+        nxformat::writeLE32(p + nxformat::kPayloadOffset + 8, uint32_t(more >> 32));
+    }
+    return records;
+}
+
+QVector<uint32_t> sourceBucketCounts(const SampleSpec& spec, const QString& db, int fileNumber)
+{
+    SplitMix64 rng(streamSeed(spec.seed, db, uint64_t(fileNumber)));
+    return drawBucketCounts(rng, spec.recordsPerFile);
+}
+
+// Source records per bucket over all files of a database.
+QVector<uint64_t> sourceBucketTotals(const SampleSpec& spec, const QString& db)
+{
+    QVector<uint64_t> totals(nxformat::kBucketCount, 0);
+    for (int file = 0; file < spec.files; ++file) {
+        QVector<uint32_t> counts = sourceBucketCounts(spec, db, file);
+        for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket)
+            totals[bucket] += counts[bucket];
+    }
+    return totals;
+}
+
+QVector<QByteArray> helperBucketsFor(const SampleSpec& spec, const QString& db,
+                                     const QVector<uint64_t>& sourceTotals)
+{
+    QVector<QByteArray> buckets(nxformat::kBucketCount);
+    if (!spec.helpers)
+        return buckets;
+    SplitMix64 rng(streamSeed(spec.seed, db, kHelperStream));
+    for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket) {
+        if (sourceTotals[bucket] == 0)
+            continue;
+        uint32_t count = 1 + uint32_t(rng.next() % kMaxHelperRecords);
+        buckets[bucket] = drawRecords(rng, bucket, count);
+    }
+    return buckets;
+}
+
+QString writeBytes(const QString& path, const QByteArray& bytes)
+{
+    if (!QDir().mkpath(QFileInfo(path).absolutePath()))
+        return "cannot create the directory of " + path;
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(bytes) != bytes.size())
+        return "cannot write " + path + ": " + file.errorString();
+    return QString();
+}
+
+QString writeDbCount(const SampleSpec& spec, const QString& host, const QString& db)
+{
+    QString path = nxformat::dbCountFilePath(host, db);
+    commonfun::getInstance()->WritePrivateProfileString(nxformat::kDbCountSection, db.toUpper(),
+                                                        QString::number(dbCountValue(spec)), path);
+    return QFileInfo::exists(path) ? QString() : "cannot write " + path;
+}
+
+} // namespace
+
+uint64_t SplitMix64::next()
+{
+    uint64_t z = (m_State += 0x9E3779B97F4A7C15ull);
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    return z ^ (z >> 31);
+}
+
+QStringList databaseNames(const SampleSpec& spec)
+{
+    QStringList names;
+    for (const TypeVolumes& type : spec.types)
+        for (int volume = 0; volume < type.volumes; ++volume)
+            names << QString::asprintf("%s%02d", type.type.toLatin1().constData(), volume);
+    return names;
+}
+
+QVector<QByteArray> sourceBuckets(const SampleSpec& spec, const QString& db, int fileNumber)
+{
+    // The same stream as sourceBucketCounts: the counts first, then the records.
+    SplitMix64 rng(streamSeed(spec.seed, db, uint64_t(fileNumber)));
+    QVector<uint32_t> counts = drawBucketCounts(rng, spec.recordsPerFile);
+    QVector<QByteArray> buckets(nxformat::kBucketCount);
+    for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket)
+        buckets[bucket] = drawRecords(rng, bucket, counts[bucket]);
+    return buckets;
+}
+
+QVector<QByteArray> helperBuckets(const SampleSpec& spec, const QString& db)
+{
+    return helperBucketsFor(spec, db, sourceBucketTotals(spec, db));
+}
+
+std::optional<OversizedBucket> findOversizedBucket(const SampleSpec& spec)
+{
+    for (const QString& db : databaseNames(spec)) {
+        QVector<uint64_t> totals = sourceBucketTotals(spec, db);
+        QVector<QByteArray> helpers = helperBucketsFor(spec, db, totals);
+        for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket) {
+            uint64_t records = totals[bucket] + uint64_t(helpers[bucket].size()) / nxformat::kRecordSize;
+            if (records > nxformat::kMaxBucketRecords)
+                return OversizedBucket{db, bucket, records};
+        }
+    }
+    return std::nullopt;
+}
+
+QString writeSample(const SampleSpec& spec, const QString& host, SampleTotals* totals,
+                    const std::function<void(const QString&)>& progress)
+{
+    // Source files next to an older sample would mix two samples in one index.
+    if (!QDir(host + "/idxnd").entryList(QStringList{"*.yn"}, QDir::Files).isEmpty())
+        return host + "/idxnd already holds source files; choose another root";
+    *totals = SampleTotals();
+    for (const QString& db : databaseNames(spec)) {
+        for (int file = 0; file < spec.files; ++file) {
+            if (progress)
+                progress(QString("%1: source file %2 of %3").arg(db).arg(file + 1).arg(spec.files));
+            QString error = writeBytes(nxformat::sourceFilePath(host, db, file),
+                                       nxformat::buildSourceFile(sourceBuckets(spec, db, file)));
+            if (!error.isEmpty())
+                return error;
+            ++totals->sourceFiles;
+            totals->records += uint64_t(spec.recordsPerFile);
+        }
+        QString error = writeDbCount(spec, host, db);
+        if (!error.isEmpty())
+            return error;
+        QVector<QByteArray> helpers = helperBuckets(spec, db);
+        for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket) {
+            if (helpers[bucket].isEmpty())
+                continue;
+            error = writeBytes(nxformat::helperFilePath(host, db, bucket), helpers[bucket]);
+            if (!error.isEmpty())
+                return error;
+            ++totals->helperFiles;
+            totals->helperRecords += uint64_t(helpers[bucket].size()) / nxformat::kRecordSize;
+        }
+        ++totals->databases;
+    }
+    return QString();
+}
+
+} // namespace ynsample
