@@ -1,0 +1,112 @@
+#include "nxinspect.h"
+
+#include "Common.h"
+#include "commonfun.h"
+#include "nxi.h"
+
+#include <QFileInfo>
+
+#include <algorithm>
+
+namespace nxinspect {
+
+namespace {
+
+using nxformat::Generation;
+using nxformat::IndexFile;
+
+uint64_t sizeOf(const QString& path) { return uint64_t(QFileInfo(path).size()); }
+
+void addIndexFiles(const QString& host, DatabaseSummary* summary)
+{
+    for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket) {
+        QString keyPath = indexFilePath(host, summary->db, IndexFile::Key, Generation::Current, bucket);
+        if (!QFileInfo::exists(keyPath))
+            continue;
+        ++summary->buckets;
+        summary->keyBytes += sizeOf(keyPath);
+        QByteArray bytes;
+        QString error;
+        if (readWholeFile(keyPath, &bytes, &error))
+            if (std::optional<nxformat::KeyFile> keyFile = nxformat::parseKeyFile(bytes))
+                summary->records += uint64_t(keyFile->keys.size());
+        summary->payloadBytes += sizeOf(indexFilePath(host, summary->db, IndexFile::Payload, Generation::Current, bucket));
+        summary->entryBytes += sizeOf(indexFilePath(host, summary->db, IndexFile::Entry, Generation::Current, bucket));
+    }
+}
+
+void addStatusFile(const QString& host, DatabaseSummary* summary)
+{
+    QString path = nxformat::statusFilePath(host, summary->db);
+    summary->hasStatusFile = QFileInfo::exists(path);
+    QByteArray bytes;
+    QString error;
+    if (summary->hasStatusFile && readWholeFile(path, &bytes, &error)) {
+        summary->statusBytes = uint64_t(bytes.size());
+        if (std::optional<QVector<DWORD>> head = nxformat::parseStatusHead(bytes))
+            summary->blocks = int(std::count_if(head->begin(), head->end(), [](DWORD offset) { return offset != 0; }));
+    }
+    summary->sizeRecord = commonfun::getInstance()->GetPrivateProfileString(
+        nxformat::kSbfSizeSection, nxformat::sbfSizeKey(summary->db), QString(), nxformat::sbfSizeRecordPath(host));
+    summary->sizeRecordBytes = nxformat::parseSbfSizeValue(summary->sizeRecord);
+}
+
+void addProgressMarks(const QString& host, DatabaseSummary* summary)
+{
+    // The indexer's own reader, so the marks read exactly as its next run reads them.
+    int marks[nxformat::kBucketCount];
+    std::fill(std::begin(marks), std::end(marks), -1);
+    nxi reader;
+    reader.getHlpINIData(marks, nxformat::helperProgressPath(host, summary->db));
+    for (int mark : marks) {
+        if (mark < 0)
+            continue;
+        ++summary->markedBuckets;
+        summary->lowestMark = summary->lowestMark < 0 ? mark : std::min(summary->lowestMark, mark);
+        summary->highestMark = std::max(summary->highestMark, mark);
+    }
+}
+
+QString sizeText(uint64_t bytes) { return Common::getSizeInString(bytes); }
+
+QString sizeRecordLine(const DatabaseSummary& summary)
+{
+    if (summary.sizeRecord.isEmpty())
+        return "none";
+    if (!summary.sizeRecordBytes)
+        return summary.sizeRecord + ", malformed";
+    if (summary.hasStatusFile && *summary.sizeRecordBytes >= 0 &&
+        uint64_t(*summary.sizeRecordBytes) == summary.statusBytes)
+        return summary.sizeRecord + ", matches the status file";
+    return summary.sizeRecord + ", does not match the status file";
+}
+
+} // namespace
+
+DatabaseSummary summarizeDatabase(const QString& host, const QString& db)
+{
+    DatabaseSummary summary;
+    summary.db = db;
+    addIndexFiles(host, &summary);
+    addStatusFile(host, &summary);
+    addProgressMarks(host, &summary);
+    return summary;
+}
+
+QString formatSummary(const DatabaseSummary& s)
+{
+    QStringList lines{s.db};
+    lines << QString("  buckets written  %1 of 256, %2 records").arg(s.buckets).arg(s.records);
+    lines << QString("  index files      key %1, payload %2, entry %3")
+                 .arg(sizeText(s.keyBytes), sizeText(s.payloadBytes), sizeText(s.entryBytes));
+    lines << (s.hasStatusFile ? QString("  status file      %1.sbf, %2, %3 blocks")
+                                    .arg(s.db, sizeText(s.statusBytes)).arg(s.blocks)
+                              : QString("  status file      none"));
+    lines << "  size record      " + sizeRecordLine(s);
+    lines << (s.markedBuckets == 0 ? QString("  progress marks   none")
+                                   : QString("  progress marks   %1 buckets marked, last merged file %2 to %3")
+                                         .arg(s.markedBuckets).arg(s.lowestMark).arg(s.highestMark));
+    return lines.join('\n');
+}
+
+} // namespace nxinspect
