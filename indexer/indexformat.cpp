@@ -1,1 +1,194 @@
-// under construction
+#include "indexformat.h"
+
+#include <cstring>
+
+namespace nxformat {
+
+int compareKeys(uint32_t a, uint32_t b)
+{
+    // The wrapped difference read as signed: keys up to 2^31 apart order by
+    // value, keys further apart in the opposite order.
+    return int32_t(a - b);
+}
+
+// ---- Source file -------------------------------------------------------------
+
+bool sourceRangeIsValid(DWORD low, DWORD high, uint64_t fileSize)
+{
+    // The range must lie inside the file's whole records and its end must stay
+    // addressable as a 32-bit byte offset, so that 16*(high-low) and
+    // (low+64)*16 never wrap.
+    return low <= high && high <= sourceWholeRecords(fileSize) && sourceRecordOffset(high) <= UINT32_MAX;
+}
+
+QByteArray buildSourceFile(const QVector<QByteArray>& bucketRecords)
+{
+    QByteArray head(int(kSourceHeadSize), '\0');
+    QByteArray records;
+    DWORD start = 0;
+    for (int bucket = 0; bucket < kBucketCount; ++bucket) {
+        if (bucket > 0)
+            writeLE32(reinterpret_cast<unsigned char*>(head.data()) + bucketStartSlotOffset(bucket), start);
+        if (bucket < bucketRecords.size()) {
+            records += bucketRecords[bucket];
+            start += DWORD(bucketRecords[bucket].size()) / kRecordSize;
+        }
+    }
+    return head + records;
+}
+
+// ---- Conversion of a sorted table ------------------------------------------------
+
+void splitSortedTable(const unsigned char* table, DWORD count, unsigned char* keyList,
+                      unsigned char* payloadList, unsigned char* groupTable)
+{
+    for (int group = 0; group < kBucketCount; ++group)
+        writeLE16(groupTable + 2 * group, kNoPosition);
+    for (DWORD i = 0; i < count; ++i) {
+        const unsigned char* record = table + i * kRecordSize;
+        uint8_t group = recordGroup(record);
+        // A group's slot takes the first position where that group byte
+        // begins a run; a later run of the same group keeps the first one.
+        bool startsRun = i == 0 || group != recordGroup(record - kRecordSize);
+        if (startsRun && readLE16(groupTable + 2 * group) == kNoPosition)
+            writeLE16(groupTable + 2 * group, uint16_t(i));
+        memcpy(keyList + i * kKeySize, record, kKeySize);
+        memcpy(payloadList + i * kPayloadSize, record + kPayloadOffset, kPayloadSize);
+    }
+}
+
+namespace {
+
+QVector<uint16_t> readLE16Array(const unsigned char* p, DWORD count)
+{
+    QVector<uint16_t> values(static_cast<int>(count));
+    for (DWORD i = 0; i < count; ++i)
+        values[int(i)] = readLE16(p + 2 * i);
+    return values;
+}
+
+const unsigned char* bytesOf(const QByteArray& bytes)
+{
+    return reinterpret_cast<const unsigned char*>(bytes.constData());
+}
+
+} // namespace
+
+// ---- Key file ----------------------------------------------------------------------
+
+std::optional<KeyFile> parseKeyFile(const QByteArray& bytes)
+{
+    DWORD size = DWORD(bytes.size());
+    if (size < kGroupTableSize || (size - kGroupTableSize) % kKeySize != 0)
+        return std::nullopt;
+    DWORD count = (size - kGroupTableSize) / kKeySize;
+    KeyFile file;
+    file.keys = readLE16Array(bytesOf(bytes), count);
+    file.groupTable = readLE16Array(bytesOf(bytes) + kKeySize * count, kBucketCount);
+    return file;
+}
+
+// ---- Status file -------------------------------------------------------------------
+
+std::optional<QVector<DWORD>> parseStatusHead(const QByteArray& statusFile)
+{
+    if (DWORD(statusFile.size()) < kStatusHeadSize)
+        return std::nullopt;
+    QVector<DWORD> offsets(kBucketCount);
+    for (int bucket = 0; bucket < kBucketCount; ++bucket)
+        offsets[bucket] = readLE32(bytesOf(statusFile) + 4 * bucket);
+    return offsets;
+}
+
+std::optional<BucketBlock> parseBucketBlock(const QByteArray& statusFile, DWORD offset)
+{
+    uint64_t fileSize = uint64_t(statusFile.size());
+    if (uint64_t(offset) + kBlockCountSize + kGroupTableSize > fileSize)
+        return std::nullopt;
+    const unsigned char* block = bytesOf(statusFile) + offset;
+    BucketBlock parsed;
+    parsed.count = readLE32(block);
+    if (uint64_t(offset) + bucketBlockSize(0) + uint64_t(kKeySize) * parsed.count > fileSize)
+        return std::nullopt;
+    parsed.groupTable = readLE16Array(block + kBlockCountSize, kBucketCount);
+    parsed.keys = readLE16Array(block + kBlockCountSize + kGroupTableSize, parsed.count);
+    return parsed;
+}
+
+// ---- SBF size record ---------------------------------------------------------------
+
+const char* const kSbfSizeSection = "SBF_Size";
+static const char kSbfSizeSuffix[] = "#NXI";
+
+QString sbfSizeKey(const QString& dbName) { return dbName + ".sbf"; }
+
+QString sbfSizeValue(int size) { return QString::asprintf("%d%s", size, kSbfSizeSuffix); }
+
+std::optional<int> parseSbfSizeValue(const QString& value)
+{
+    if (!value.endsWith(kSbfSizeSuffix))
+        return std::nullopt;
+    QString number = value.left(value.size() - int(strlen(kSbfSizeSuffix)));
+    // Digits only (an optional minus as "%d" writes it): no blanks, no sign '+'.
+    int firstDigit = number.startsWith('-') ? 1 : 0;
+    if (number.size() == firstDigit)
+        return std::nullopt;
+    for (int i = firstDigit; i < number.size(); ++i)
+        if (number[i] < '0' || number[i] > '9')
+            return std::nullopt;
+    bool ok = false;
+    int size = number.toInt(&ok);
+    if (!ok)
+        return std::nullopt;
+    return size;
+}
+
+// ---- Names ---------------------------------------------------------------------------
+
+const char* const kDbCountSection = "DB-COUNT";
+const char* const kHelperProgressSection = "hlpr";
+
+static QString bucketName(int bucket) { return QString::asprintf("%02x", bucket); }
+
+QString sourceFilePath(const QString& host, const QString& db, int fileNumber)
+{
+    return QString::asprintf("%s/idxnd/%s%04d.yn", host.toUtf8().constData(), db.toUtf8().constData(),
+                             fileNumber);
+}
+
+QString dbCountFilePath(const QString& host, const QString& db)
+{
+    return host + (db == "wfx00" ? "/wfx_idxval.ini" : "/idxval.ini");
+}
+
+QString indexDirPath(const QString& host, const QString& db) { return host + "/idxn/" + db; }
+QString helperDirPath(const QString& host, const QString& db) { return host + "/hl/" + db; }
+QString entryDirPath(const QString& host, const QString& db) { return helperDirPath(host, db) + "/hlp"; }
+
+QString helperFilePath(const QString& host, const QString& db, int bucket)
+{
+    // No separator: the helper files lie beside the database's helper
+    // directory, "<host>/hl/wdx003f.hl".
+    return helperDirPath(host, db) + bucketName(bucket) + ".hl";
+}
+
+QString helperProgressPath(const QString& host, const QString& db)
+{
+    return helperDirPath(host, db) + "/" + db + "hl.ini";
+}
+
+QString statusFilePath(const QString& host, const QString& db) { return host + "/" + db + ".sbf"; }
+QString pendingStatusFilePath(const QString& host, const QString& db) { return host + "/" + db + ".sbftmp"; }
+QString sbfSizeRecordPath(const QString& host) { return host + "/sbf_check_yn.ini"; }
+
+QString indexFileName(IndexFile file, Generation generation, int bucket)
+{
+    static const char* const suffixes[3][3] = {
+        {".mnew", ".m", ".mold"},
+        {".dnew", ".d", ".dold"},
+        {".hlnew", ".hl", ".hlold"},
+    };
+    return bucketName(bucket) + suffixes[int(file)][int(generation)];
+}
+
+} // namespace nxformat

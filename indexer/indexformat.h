@@ -63,6 +63,9 @@ inline uint64_t sourceWholeRecords(uint64_t fileSize)
 {
     return fileSize < kSourceHeadSize ? 0 : (fileSize - kSourceHeadSize) / kRecordSize;
 }
+// True when the bucket range [low, high) lies inside the file's whole records
+// and its end stays below 4 GiB; a corrupt start table fails this test.
+bool sourceRangeIsValid(DWORD low, DWORD high, uint64_t fileSize);
 // A complete source file from the records of each bucket (index = bucket),
 // bucket 0 first; slot 0 of the start table is written as 0.
 QByteArray buildSourceFile(const QVector<QByteArray>& bucketRecords);
