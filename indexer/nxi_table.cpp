@@ -1,1 +1,157 @@
-// under construction
+// One bucket's entry table: sizing and collecting its source ranges, its
+// allocation, the helper file at its head, and its sort order.
+#include "nxi.h"
+
+#include "commonfun.h"
+#include "indexformat.h"
+#include "nxilog.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+// Source file paths are formatted into a buffer of this size.
+constexpr size_t kSourcePathBufferSize = 512;
+
+struct EntryRecord {
+    unsigned char bytes[nxformat::kRecordSize];
+};
+static_assert(sizeof(EntryRecord) == nxformat::kRecordSize, "entry records are 16 bytes");
+
+} // namespace
+
+DWORD nxi::CalculateSizeOfIndex(int bucket, int firstFile, bool fill, int* lastFile, int dbCount)
+{
+    // Summed in 64 bits and saturated, so that a bucket too large for the
+    // format is seen as such by AllocateIndexBuffer instead of wrapping.
+    uint64_t total = 0;
+    int fileNumber = firstFile;
+    for (; fileNumber < int64_t(dbCount) - 1; ++fileNumber) {
+        QByteArray name = nxformat::sourceFilePath(m_HostPath, QString::fromUtf8(m_DbName), fileNumber).toUtf8();
+        char path[kSourcePathBufferSize] = {};
+        int length = snprintf(path, sizeof path, "%s", name.constData());
+        if (length < 0 || size_t(length) >= sizeof path) {
+            NXI_ERROR("Error: Path too long for the following yn file- %s", name.constData());
+            continue;
+        }
+        if (!m_CommonFun->PathFileExists(QString::fromUtf8(path))) {
+            NXI_ERROR("Yn File Not exist : %s", path);
+            continue;
+        }
+        DWORD low = 0;
+        DWORD high = 0;
+        if (!GetIndexHighAndLow(path, bucket, &low, &high))
+            continue;
+        // GetIndexHighAndLow has checked the range, so neither value wraps.
+        DWORD rangeSize = (high - low) * nxformat::kRecordSize;
+        total += rangeSize;
+        if (fill)
+            ReadIndexBuffer(path, DWORD(nxformat::sourceRecordOffset(low)), rangeSize);
+    }
+    *lastFile = fileNumber - 1;
+    return DWORD(std::min<uint64_t>(total, UINT32_MAX));
+}
+
+bool nxi::AllocateIndexBuffer(int bucket, DWORD size, bool* hasHelper, DWORD* allocSize)
+{
+    ReleaseIndexBuffer();
+    m_EntryTableOverflow = false;
+    *allocSize = 0;
+
+    uint64_t total = size;
+    QString helperPath = nxformat::helperFilePath(m_HostPath, QString::fromUtf8(m_DbName), bucket);
+    if (m_CommonFun->PathFileExists(helperPath)) {
+        DWORD helperSize = DWORD(m_CommonFun->GetFileSize(helperPath));
+        if (helperSize != 0) {
+            total += helperSize;
+            *hasHelper = true;
+        }
+    }
+    // Positions in the index files are 16-bit, so a larger bucket can't be
+    // written; it is refused before anything is allocated.
+    if (total / nxformat::kRecordSize > nxformat::kMaxBucketRecords || total > UINT32_MAX) {
+        NXI_ERROR("Error: Bucket %02x too large to index - %llu bytes, more than %u records", bucket,
+                  static_cast<unsigned long long>(total), nxformat::kMaxBucketRecords);
+        return false;
+    }
+
+    m_EntryTable = static_cast<unsigned char*>(calloc(size_t(total), 1));
+    if (!m_EntryTable)
+        return false;
+    m_EntryCursor = m_EntryTable;
+    m_EntryTableEnd = m_EntryTable + total;
+    *allocSize = DWORD(total);
+    return true;
+}
+
+bool nxi::ReadHelperFile(int bucket)
+{
+    QString name = nxformat::helperFilePath(m_HostPath, QString::fromUtf8(m_DbName), bucket);
+    QByteArray path = name.toUtf8();
+    if (!m_CommonFun->PathFileExists(name))
+        return false;
+    FILE* file = fopen(path.constData(), "rb");
+    if (!file) {
+        NXI_ERROR("Error:Unable to get file size! - %s", path.constData());
+        return false;
+    }
+    DWORD size = DWORD(m_CommonFun->GetFileSize(name));
+    size_t room = m_EntryCursor ? size_t(m_EntryTableEnd - m_EntryCursor) : 0;
+    bool loaded = false;
+    if (size == 0) {
+        // Nothing to load and nothing to report.
+    } else if (size > room) {
+        // The file grew since it was counted into the table.
+        NXI_ERROR("Error: Entry table too small for the following file(helper buffer) - %s (%u bytes, room for %zu)",
+                  path.constData(), size, room);
+        m_EntryTableOverflow = true;
+    } else {
+        size_t got = fread(m_EntryCursor, 1, size, file);
+        loaded = got == size;
+        if (loaded) {
+            m_EntryCursor += got & ~size_t(nxformat::kRecordSize - 1);
+        } else {
+            memset(m_EntryCursor, 0, got);
+            NXI_ERROR("ReadFile failed for the following file(helper buffer) - %s", path.constData());
+        }
+    }
+    fclose(file);
+    return loaded;
+}
+
+void nxi::SortEntryTable(DWORD allocSize)
+{
+    DWORD count = allocSize / nxformat::kRecordSize;
+    if (!m_EntryTable || count < 2)
+        return;
+    auto* first = reinterpret_cast<EntryRecord*>(m_EntryTable);
+    auto* last = first + count;
+    auto keyOf = [](const EntryRecord& record) { return nxformat::recordKey(record.bytes); };
+    auto byKey = [&](const EntryRecord& a, const EntryRecord& b) { return keyOf(a) < keyOf(b); };
+    auto [lowest, highest] = std::minmax_element(first, last, byKey);
+    // Within a span below 2^31 compare() is the plain unsigned order, which
+    // std::sort can use. Wider spans have no consistent order: only qsort,
+    // which tolerates that, may see compare() then.
+    if (keyOf(*highest) - keyOf(*lowest) < 0x80000000u)
+        std::sort(first, last, byKey);
+    else
+        qsort(m_EntryTable, count, nxformat::kRecordSize, compare);
+}
+
+void nxi::ReleaseIndexBuffer()
+{
+    free(m_EntryTable);
+    m_EntryTable = nullptr;
+    m_EntryCursor = nullptr;
+    m_EntryTableEnd = nullptr;
+}
+
+int compare(const void* a, const void* b)
+{
+    return nxformat::compareKeys(nxformat::recordKey(static_cast<const unsigned char*>(a)),
+                                 nxformat::recordKey(static_cast<const unsigned char*>(b)));
+}
