@@ -96,7 +96,9 @@ private:
     void IndexBucket(int bucket, int lastMergedFile, int dbCount);
     void CompleteStatusFile();
 
-    bool RotateIndexFiles(int bucket);
+    // Moves the bucket's pending files into place; reports as function (the
+    // writer whose last step it is).
+    bool RotateIndexFiles(int bucket, const char* function);
 };
 
 // Sort comparison of two 16-byte entry records for qsort: the key difference

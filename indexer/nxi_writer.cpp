@@ -1,1 +1,212 @@
-// under construction
+// The index file writer: one bucket's sorted entry table becomes its key,
+// payload and entry files and its block in the status file; the rotation
+// then moves the three files into place.
+#include "nxi.h"
+
+#include "commonfun.h"
+#include "indexformat.h"
+#include "nxilog.h"
+
+#include <QFile>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+using LOGGER::CLogger;
+using nxformat::Generation;
+using nxformat::IndexFile;
+
+namespace {
+
+struct FreeDeleter {
+    void operator()(unsigned char* p) const { free(p); }
+};
+using MallocBuffer = std::unique_ptr<unsigned char, FreeDeleter>;
+
+// Zero-filled, one byte longer than asked.
+MallocBuffer allocateListBuffer(DWORD size)
+{
+    return MallocBuffer(static_cast<unsigned char*>(calloc(size_t(size) + 1, 1)));
+}
+
+// Frees the entry table however the writer ends.
+struct EntryTableRelease {
+    nxi& owner;
+    ~EntryTableRelease() { owner.ReleaseIndexBuffer(); }
+};
+
+struct Chunk {
+    const void* data;
+    size_t size;
+};
+
+// Writes the chunks in order, each as one item, and closes the file; false
+// after a short write or a failed close.
+template <size_t N>
+bool writeChunksAndClose(FILE* file, const Chunk (&chunks)[N])
+{
+    bool complete = true;
+    for (const Chunk& chunk : chunks)
+        if (complete && chunk.size > 0)
+            complete = fwrite(chunk.data, chunk.size, 1, file) == 1;
+    bool closed = fclose(file) == 0;
+    return complete && closed;
+}
+
+QString indexFilePath(const nxi& owner, IndexFile file, Generation generation, int bucket)
+{
+    QString name = nxformat::indexFileName(file, generation, bucket);
+    if (file == IndexFile::Entry)
+        return owner.m_HlpPath + "/" + name;
+    if (file == IndexFile::Key && generation == Generation::Pending)
+        return nxformat::indexDirPath(owner.m_HostPath, QString::fromUtf8(owner.m_DbName)) + "/" + name;
+    return owner.m_IdxnDbPath + "/" + name;
+}
+
+void logFwriteFailed(const char* function, const QByteArray& path)
+{
+    int err = errno;
+    CLogger::getInstance()->Error(function, err, "Error:fwrite failed for the following file- %s", path.constData());
+}
+
+// The bucket's lists, converted from its sorted table.
+struct BucketLists {
+    Chunk keyList;
+    Chunk payloadList;
+    Chunk groupTable;
+    Chunk entryTable;
+};
+
+// Writes the key, payload and entry files under their pending names.
+bool writePendingFiles(const nxi& owner, int bucket, const BucketLists& lists, const char* function)
+{
+    struct PendingFile {
+        IndexFile file;
+        Chunk chunks[2];
+        const char* openFailedMessage;
+    };
+    const PendingFile pendingFiles[] = {
+        {IndexFile::Key, {lists.keyList, lists.groupTable}, "Error:Could not open following file for writing- %s"},
+        {IndexFile::Payload, {lists.payloadList, {}}, "Error:Could not open following file for writing- %s"},
+        {IndexFile::Entry, {lists.entryTable, {}}, "Error:Could not open following file for helper writing- %s"},
+    };
+    for (const PendingFile& pending : pendingFiles) {
+        QByteArray path = indexFilePath(owner, pending.file, Generation::Pending, bucket).toUtf8();
+        FILE* file = fopen(path.constData(), "wb+");
+        if (!file) {
+            int err = errno;
+            CLogger::getInstance()->Error(function, err, pending.openFailedMessage, path.constData());
+            return false;
+        }
+        if (!writeChunksAndClose(file, pending.chunks)) {
+            logFwriteFailed(function, path);
+            return false;
+        }
+    }
+    return true;
+}
+
+// Appends the bucket block (count, group table, key list) to the status file
+// and records its offset in the bucket's slot; a short append is cut off again.
+bool appendBucketBlock(nxi& owner, int bucket, DWORD count, const BucketLists& lists, const char* function)
+{
+    QByteArray statusPath = owner.m_SbfTmpPath.toUtf8();
+    FILE* status = fopen(statusPath.constData(), "ab+");
+    if (!status) {
+        int err = errno;
+        CLogger::getInstance()->Error(function, err, "Could not open following file for writing- code -> %d ", err);
+        CLogger::getInstance()->Error(function, err, "%s", statusPath.constData());
+        return false;
+    }
+    long blockOffset = fseek(status, 0, SEEK_END) == 0 ? ftell(status) : -1;
+    if (blockOffset < 0 || uint64_t(blockOffset) > UINT32_MAX) {
+        fclose(status);
+        logFwriteFailed(function, statusPath);
+        return false;
+    }
+    unsigned char countBytes[nxformat::kBlockCountSize];
+    nxformat::writeLE32(countBytes, count);
+    owner.m_SbfOffsets[bucket] = DWORD(blockOffset);
+    const Chunk block[] = {{countBytes, sizeof countBytes}, lists.groupTable, lists.keyList};
+    if (!writeChunksAndClose(status, block)) {
+        QFile::resize(owner.m_SbfTmpPath, blockOffset);
+        owner.m_SbfOffsets[bucket] = 0;
+        logFwriteFailed(function, statusPath);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool nxi::WriteAllIndexing(int bucket, DWORD size)
+{
+    EntryTableRelease release{*this};
+    DWORD count = size / nxformat::kRecordSize;
+    size_t tableSize = m_EntryTable ? size_t(m_EntryTableEnd - m_EntryTable) : 0;
+    // Positions are 16-bit: a larger bucket (or a size beyond the table) is
+    // refused before anything is converted.
+    if (bucket < 0 || bucket >= nxformat::kBucketCount || count > nxformat::kMaxBucketRecords || size > tableSize) {
+        NXI_ERROR("Error: Bucket %02x can't be written - %u bytes, table of %zu bytes", bucket, size, tableSize);
+        return false;
+    }
+
+    DWORD payloadListSize = nxformat::kPayloadSize * count;
+    MallocBuffer pbdisk = allocateListBuffer(payloadListSize);
+    if (!pbdisk) {
+        int err = errno;
+        NXI_ERROR("Could not allocate memory!(pbdisk) code -> %d size -> %d", err, int(payloadListSize));
+        return false;
+    }
+    DWORD keyListSize = nxformat::kKeySize * count;
+    MallocBuffer pbmem = allocateListBuffer(keyListSize);
+    if (!pbmem) {
+        int err = errno;
+        NXI_ERROR("Could not allocate memory!(pbmem) code -> %d size -> %d", err, int(keyListSize));
+        return false;
+    }
+    unsigned char groupTable[nxformat::kGroupTableSize];
+    nxformat::splitSortedTable(m_EntryTable, count, pbmem.get(), pbdisk.get(), groupTable);
+    const BucketLists lists{{pbmem.get(), keyListSize},
+                            {pbdisk.get(), payloadListSize},
+                            {groupTable, sizeof groupTable},
+                            {m_EntryTable, size}};
+
+    // The pending files are complete before the block is appended, so that a
+    // bucket that fails leaves no partial block behind and its slot stays 0.
+    if (!writePendingFiles(*this, bucket, lists, __PRETTY_FUNCTION__))
+        return false;
+    if (!appendBucketBlock(*this, bucket, count, lists, __PRETTY_FUNCTION__))
+        return false;
+    return RotateIndexFiles(bucket, __PRETTY_FUNCTION__);
+}
+
+bool nxi::RotateIndexFiles(int bucket, const char* function)
+{
+    // Key file first, then payload file, then entry file. Each current file
+    // waits under its previous name until all three moves have succeeded; a
+    // failed move puts back the files already moved.
+    const IndexFile files[] = {IndexFile::Key, IndexFile::Payload, IndexFile::Entry};
+    for (int moving = 0; moving < 3; ++moving) {
+        QString current = indexFilePath(*this, files[moving], Generation::Current, bucket);
+        QString pending = indexFilePath(*this, files[moving], Generation::Pending, bucket);
+        m_CommonFun->MoveFile(current, indexFilePath(*this, files[moving], Generation::Previous, bucket));
+        if (!m_CommonFun->MoveFile(pending, current)) {
+            int err = errno;
+            CLogger::getInstance()->Error(function, err, "Error:MoveFileEx failed for the following file- %s",
+                                          pending.toUtf8().constData());
+            for (int moved = 0; moved < moving; ++moved)
+                m_CommonFun->MoveFile(indexFilePath(*this, files[moved], Generation::Previous, bucket),
+                                      indexFilePath(*this, files[moved], Generation::Current, bucket));
+            return false;
+        }
+    }
+    for (IndexFile file : files)
+        DeleteFile(indexFilePath(*this, file, Generation::Previous, bucket));
+    return true;
+}
+
+bool nxi::DeleteFile(const QString& path) { return QFile::remove(path); }
