@@ -46,11 +46,9 @@ void splitSortedTable(const unsigned char* table, DWORD count, unsigned char* ke
         writeLE16(groupTable + 2 * group, kNoPosition);
     for (DWORD i = 0; i < count; ++i) {
         const unsigned char* record = table + i * kRecordSize;
+        // A group's slot keeps the first position that has its group byte.
         uint8_t group = recordGroup(record);
-        // A group's slot takes the first position where that group byte
-        // begins a run; a later run of the same group keeps the first one.
-        bool startsRun = i == 0 || group != recordGroup(record - kRecordSize);
-        if (startsRun && readLE16(groupTable + 2 * group) == kNoPosition)
+        if (readLE16(groupTable + 2 * group) == kNoPosition)
             writeLE16(groupTable + 2 * group, uint16_t(i));
         memcpy(keyList + i * kKeySize, record, kKeySize);
         memcpy(payloadList + i * kPayloadSize, record + kPayloadOffset, kPayloadSize);

@@ -71,6 +71,11 @@ protected:
         ASSERT_TRUE(m_Indexer.AllocateIndexBuffer(bucket, DWORD(bytes.size()), &hasHelper, &allocSize));
         std::memcpy(m_Indexer.m_EntryTable, bytes.constData(), size_t(bytes.size()));
     }
+    // size bytes of the entry table from byte from on.
+    QByteArray tableBytes(int size, int from = 0) const
+    {
+        return QByteArray(reinterpret_cast<const char*>(m_Indexer.m_EntryTable) + from, size);
+    }
     bool writeBucket(int bucket, const QByteArray& records)
     {
         loadTable(bucket, records);

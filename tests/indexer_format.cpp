@@ -7,7 +7,10 @@
 
 namespace {
 
-const unsigned char* bytes(const QByteArray& array) { return reinterpret_cast<const unsigned char*>(array.constData()); }
+const unsigned char* bytes(const QByteArray& array)
+{
+    return reinterpret_cast<const unsigned char*>(array.constData());
+}
 
 TEST(IndexFormat, CompareOrdersByTheWrappedKeyDifference)
 {

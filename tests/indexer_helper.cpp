@@ -32,7 +32,7 @@ TEST_F(HelperFile, LoadedAtTheHeadAndCursorMovesByWholeRecords)
         EXPECT_EQ(allocSize, DWORD(16 + c.size));
         EXPECT_TRUE(m_Indexer.ReadHelperFile(3));
         EXPECT_EQ(m_Indexer.m_EntryCursor - m_Indexer.m_EntryTable, c.advance);
-        EXPECT_EQ(QByteArray(reinterpret_cast<char*>(m_Indexer.m_EntryTable), c.size), helperBytes(c.size));
+        EXPECT_EQ(tableBytes(c.size), helperBytes(c.size));
     }
     EXPECT_TRUE(takeLog().isEmpty());
 }
@@ -49,7 +49,7 @@ TEST_F(HelperFile, EmptyOrVanishedHelperIsNotLoaded)
     QFile::remove(helperPath(3));
     EXPECT_FALSE(m_Indexer.ReadHelperFile(3));
     EXPECT_EQ(m_Indexer.m_EntryCursor, m_Indexer.m_EntryTable);
-    EXPECT_EQ(QByteArray(reinterpret_cast<char*>(m_Indexer.m_EntryTable), 64), QByteArray(64, '\0'));
+    EXPECT_EQ(tableBytes(64), QByteArray(64, '\0'));
     EXPECT_TRUE(takeLog().isEmpty());
 }
 

@@ -98,13 +98,13 @@ TEST_F(SourceFile, RangeIsCopiedToTheCursor)
     EXPECT_TRUE(m_Indexer.ReadIndexBuffer(path.data(), 1056, 0));  // an empty range reads nothing
     EXPECT_TRUE(m_Indexer.ReadIndexBuffer(path.data(), 1056, 48));
     EXPECT_EQ(m_Indexer.m_EntryCursor, start + 48);
-    EXPECT_EQ(QByteArray(reinterpret_cast<char*>(start), 48), file.mid(1056, 48));
+    EXPECT_EQ(tableBytes(48), file.mid(1056, 48));
 
     // A read that comes up short zeroes what arrived and keeps the cursor.
     EXPECT_FALSE(m_Indexer.ReadIndexBuffer(path.data(), 1184 - 8, 16));
     EXPECT_FALSE(m_Indexer.ReadIndexBuffer(path.data(), 5000, 16));
     EXPECT_EQ(m_Indexer.m_EntryCursor, start + 48);
-    EXPECT_EQ(QByteArray(reinterpret_cast<char*>(start) + 48, 16), QByteArray(8, '\0') + QByteArray(8, '\xaa'));
+    EXPECT_EQ(tableBytes(16, 48), QByteArray(8, '\0') + QByteArray(8, '\xaa'));
     QString shortRead = errorLine("ReadIndexBuffer", "Error: ReadFile failed for the following file(read buffer) - " +
                                                          pathText());
     EXPECT_EQ(takeLog(), (QStringList{shortRead, shortRead}));
@@ -113,7 +113,7 @@ TEST_F(SourceFile, RangeIsCopiedToTheCursor)
     EXPECT_FALSE(m_Indexer.m_EntryTableOverflow);
     EXPECT_FALSE(m_Indexer.ReadIndexBuffer(path.data(), 1024, 32));
     EXPECT_TRUE(m_Indexer.m_EntryTableOverflow);
-    EXPECT_EQ(QByteArray(reinterpret_cast<char*>(start) + 48, 8), QByteArray(8, '\0'));
+    EXPECT_EQ(tableBytes(8, 48), QByteArray(8, '\0'));
     EXPECT_EQ(takeLog(), QStringList{errorLine("ReadIndexBuffer",
                                                "Error: Entry table too small for the following file(read buffer) - " +
                                                    pathText() + " (32 bytes, room for 16)")});

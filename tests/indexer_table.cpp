@@ -30,7 +30,6 @@ protected:
         int lastFile = 0;
         m_Indexer.CalculateSizeOfIndex(kBucket, 0, true, &lastFile, dbCount);
     }
-    QByteArray table(DWORD size) const { return QByteArray(reinterpret_cast<char*>(m_Indexer.m_EntryTable), int(size)); }
 };
 
 TEST_F(EntryTable, SizingVisitsFilesUpToDbCountMinusTwo)
@@ -57,7 +56,7 @@ TEST_F(EntryTable, CollectingPassCopiesRangesInFileOrder)
     EXPECT_FALSE(hasHelper);
     EXPECT_EQ(allocSize, size);
     collectingPass(5);
-    EXPECT_EQ(table(size), expected);
+    EXPECT_EQ(tableBytes(int(size)), expected);
     EXPECT_EQ(m_Indexer.m_EntryCursor, m_Indexer.m_EntryTable + size);
     EXPECT_TRUE(takeLog().isEmpty());
 }
@@ -75,7 +74,7 @@ TEST_F(EntryTable, MissingOrCorruptFilesAreSkippedAndLogged)
     bool hasHelper = false;
     ASSERT_TRUE(m_Indexer.AllocateIndexBuffer(kBucket, size, &hasHelper, &allocSize));
     collectingPass(5);
-    EXPECT_EQ(table(size), kept);
+    EXPECT_EQ(tableBytes(int(size)), kept);
     QString missing = errorLine("CalculateSizeOfIndex", "Yn File Not exist : " + sourcePath(1));
     QString refused = errorLine("GetIndexHighAndLow", "Error: Corrupt bucket range in the following file- " +
                                                           sourcePath(2) + " (bucket 07, low 0, high 99)");
@@ -115,7 +114,7 @@ TEST_F(EntryTable, RangeThatGrewBetweenThePassesIsNotCopied)
     writeSource(1, grown);
     collectingPass(3);
     EXPECT_TRUE(m_Indexer.m_EntryTableOverflow);
-    EXPECT_EQ(table(size), first + QByteArray(32, '\0'));
+    EXPECT_EQ(tableBytes(int(size)), first + QByteArray(32, '\0'));
     EXPECT_EQ(takeLog(), QStringList{errorLine("ReadIndexBuffer",
                                                "Error: Entry table too small for the following file(read buffer) - " +
                                                    sourcePath(1) + " (48 bytes, room for 32)")});
@@ -132,7 +131,7 @@ TEST_F(EntryTable, SortFollowsCompare)
         narrow += nxtest::makeRecord(key, key);
     loadTable(kBucket, narrow + "tail");
     m_Indexer.SortEntryTable(DWORD(narrow.size()) + 4);
-    QByteArray sorted = table(DWORD(narrow.size()) + 4);
+    QByteArray sorted = tableBytes(narrow.size() + 4);
     for (int i = 0; i + 1 < 5; ++i)
         EXPECT_LT(nxformat::recordKey(reinterpret_cast<const unsigned char*>(sorted.constData()) + 16 * i),
                   nxformat::recordKey(reinterpret_cast<const unsigned char*>(sorted.constData()) + 16 * (i + 1)));
@@ -144,7 +143,7 @@ TEST_F(EntryTable, SortFollowsCompare)
     m_Indexer.ReleaseIndexBuffer();
     loadTable(kBucket, wide);
     m_Indexer.SortEntryTable(32);
-    EXPECT_EQ(table(32), wide.mid(16) + wide.left(16));
+    EXPECT_EQ(tableBytes(32), wide.mid(16) + wide.left(16));
 }
 
 } // namespace
