@@ -105,6 +105,7 @@ struct DatabaseSummary {
     std::optional<int> sizeRecordBytes;
     int markedBuckets = 0;     // buckets with a last merged file number
     int lowestMark = -1, highestMark = -1;
+    int marksRead = 0;         // of those, the ones the indexer's reader takes in
 };
 DatabaseSummary summarizeDatabase(const QString& host, const QString& db);
 QString formatSummary(const DatabaseSummary& summary);

@@ -5,6 +5,7 @@
 #include "nxi.h"
 
 #include <QFileInfo>
+#include <QSettings>
 
 #include <algorithm>
 
@@ -53,18 +54,24 @@ void addStatusFile(const QString& host, DatabaseSummary* summary)
 
 void addProgressMarks(const QString& host, DatabaseSummary* summary)
 {
-    // The indexer's own reader, so the marks read exactly as its next run reads them.
-    int marks[nxformat::kBucketCount];
-    std::fill(std::begin(marks), std::end(marks), -1);
-    nxi reader;
-    reader.getHlpINIData(marks, nxformat::helperProgressPath(host, summary->db));
-    for (int mark : marks) {
-        if (mark < 0)
+    QString path = nxformat::helperProgressPath(host, summary->db);
+    QSettings file(path, QSettings::IniFormat);
+    file.beginGroup(nxformat::kHelperProgressSection);
+    for (const QString& bucket : file.childKeys()) {
+        bool ok = false;
+        int mark = file.value(bucket).toInt(&ok);
+        if (!ok || mark < 0)
             continue;
         ++summary->markedBuckets;
         summary->lowestMark = summary->lowestMark < 0 ? mark : std::min(summary->lowestMark, mark);
         summary->highestMark = std::max(summary->highestMark, mark);
     }
+    // The indexer's own reader tells which of them its next run will use.
+    int marks[nxformat::kBucketCount];
+    std::fill(std::begin(marks), std::end(marks), -1);
+    nxi reader;
+    reader.getHlpINIData(marks, path);
+    summary->marksRead = int(std::count_if(std::begin(marks), std::end(marks), [](int mark) { return mark >= 0; }));
 }
 
 QString sizeText(uint64_t bytes) { return Common::getSizeInString(bytes); }
@@ -106,6 +113,10 @@ QString formatSummary(const DatabaseSummary& s)
     lines << (s.markedBuckets == 0 ? QString("  progress marks   none")
                                    : QString("  progress marks   %1 buckets marked, last merged file %2 to %3")
                                          .arg(s.markedBuckets).arg(s.lowestMark).arg(s.highestMark));
+    if (s.marksRead != s.markedBuckets)
+        lines << QString("                   the next run reads %1 of them: its reader stops at the first "
+                         "bucket without a mark")
+                     .arg(s.marksRead);
     return lines.join('\n');
 }
 

@@ -28,6 +28,7 @@ QString slotValue(uint16_t value) { return value == nxformat::kNoPosition ? "non
 
 // What a bucket's other files must hold, derived from its entry file.
 struct Expected {
+    QString entryFile;  // relative to the DB host directory, for the messages
     DWORD count = 0;
     QByteArray keyList;
     QByteArray payloadList;
@@ -47,6 +48,7 @@ public:
         for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket)
             keyFiles[bucket] = verifyBucket(bucket);
         verifyStatusFile(keyFiles);
+        verifySizeRecord();
         verifyNothingLeftBehind();
         return m_Found;
     }
@@ -102,6 +104,7 @@ private:
         if (!read(path, bucket, &bytes))
             return std::nullopt;
         Expected expected;
+        expected.entryFile = QDir(m_Host).relativeFilePath(path);
         expected.count = DWORD(bytes.size()) / nxformat::kRecordSize;
         if (expected.count == 0 || expected.count > nxformat::kMaxBucketRecords) {
             report(path, bucket, QString(),
@@ -140,17 +143,20 @@ private:
             return keyFile;
         if (DWORD(keyFile->keys.size()) != expected->count)
             report(path, bucket, QString(),
-                   QString("holds %1 keys, the entry file %2 records").arg(keyFile->keys.size()).arg(expected->count));
+                   QString("holds %1 keys, %2 holds %3 records")
+                       .arg(keyFile->keys.size()).arg(expected->entryFile).arg(expected->count));
         else
             for (int i = 0; i < keyFile->keys.size(); ++i)
                 if (keyFile->keys[i] != expected->key(i))
                     report(path, bucket, positionText(i),
-                           QString::asprintf("key 0x%04x, the entry file has 0x%04x", keyFile->keys[i], expected->key(i)));
+                           QString::asprintf("key 0x%04x, %s has 0x%04x", keyFile->keys[i],
+                                             qPrintable(expected->entryFile), expected->key(i)));
         for (int group = 0; group < nxformat::kBucketCount; ++group)
             if (keyFile->groupTable[group] != expected->slot(group))
                 report(path, bucket, slotText(group),
-                       QString("holds %1, the entry file's first position of the group is %2")
-                           .arg(slotValue(keyFile->groupTable[group]), slotValue(expected->slot(group))));
+                       QString("holds %1, the group's first position in %2 is %3")
+                           .arg(slotValue(keyFile->groupTable[group]), expected->entryFile,
+                                slotValue(expected->slot(group))));
         return keyFile;
     }
 
@@ -161,14 +167,15 @@ private:
             return;
         if (DWORD(bytes.size()) != nxformat::payloadFileSize(expected.count)) {
             report(path, bucket, QString(),
-                   QString("size %1, expected %2 for the entry file's %3 records")
-                       .arg(bytes.size()).arg(nxformat::payloadFileSize(expected.count)).arg(expected.count));
+                   QString("size %1, expected %2 for the %3 records of %4")
+                       .arg(bytes.size()).arg(nxformat::payloadFileSize(expected.count)).arg(expected.count)
+                       .arg(expected.entryFile));
             return;
         }
         for (DWORD i = 0; i < expected.count; ++i) {
             DWORD offset = i * nxformat::kPayloadSize;
             if (memcmp(bytes.constData() + offset, expected.payloadList.constData() + offset, nxformat::kPayloadSize) != 0)
-                report(path, bucket, positionText(int(i)), "payload differs from the entry file's record");
+                report(path, bucket, positionText(int(i)), "payload differs from the record in " + expected.entryFile);
         }
     }
 
@@ -183,13 +190,11 @@ private:
                     report(path, -1, QString(), "missing, while the database has index files");
                     break;
                 }
-            verifySizeRecord(std::nullopt);
             return;
         }
         QByteArray bytes;
         if (!read(path, -1, &bytes))
             return;
-        verifySizeRecord(uint64_t(bytes.size()));
         std::optional<QVector<DWORD>> head = nxformat::parseStatusHead(bytes);
         if (!head) {
             report(path, -1, QString(), QString("size %1 is shorter than the 1024-byte head").arg(bytes.size()));
@@ -260,8 +265,12 @@ private:
                            .arg(slotValue(block.groupTable[group]), slotValue(keyFile->groupTable[group])));
     }
 
-    void verifySizeRecord(std::optional<uint64_t> statusSize)
+    void verifySizeRecord()
     {
+        QFileInfo status(nxformat::statusFilePath(m_Host, m_Db));
+        std::optional<uint64_t> statusSize;
+        if (status.exists())
+            statusSize = uint64_t(status.size());
         QString path = nxformat::sbfSizeRecordPath(m_Host);
         QString key = nxformat::sbfSizeKey(m_Db);
         QString value = commonfun::getInstance()->GetPrivateProfileString(nxformat::kSbfSizeSection, key,
