@@ -99,6 +99,13 @@ protected:
         }
         return lines;
     }
+    // A 32-bit value as the 4 little-endian bytes of a file.
+    static QByteArray le32(uint32_t value)
+    {
+        unsigned char bytes[4];
+        nxformat::writeLE32(bytes, value);
+        return QByteArray(reinterpret_cast<const char*>(bytes), 4);
+    }
     static QString errorLine(const QString& method, const QString& message)
     {
         return "[ERROR]  [nxi::" + method + "] :: " + message;

@@ -71,7 +71,7 @@ TEST_F(SourceFile, CorruptStartTableIsRefused)
         {255, 4 * 255, 0xFFFFFFF0u, "bucket ff, low 4294967280, high 10"}};  // start past the end
     for (const auto& c : cases) {
         QByteArray file = example();
-        nxformat::writeLE32(reinterpret_cast<unsigned char*>(file.data()) + c.slot, c.value);
+        file.replace(int(c.slot), 4, le32(c.value));
         nxtest::writeFile(sourcePath(0), file);
         EXPECT_TRUE(range(c.bucket).empty()) << c.bucket;
         EXPECT_EQ(takeLog(), QStringList{errorLine("GetIndexHighAndLow",

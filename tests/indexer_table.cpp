@@ -66,7 +66,7 @@ TEST_F(EntryTable, MissingOrCorruptFilesAreSkippedAndLogged)
     QByteArray kept = writeSources({0}) + writeSources({3});
     writeSources({2});
     QByteArray corrupt = nxtest::readFile(sourcePath(2));
-    nxformat::writeLE32(reinterpret_cast<unsigned char*>(corrupt.data()) + 4 * (kBucket + 1), 99);
+    corrupt.replace(4 * (kBucket + 1), 4, le32(99));
     nxtest::writeFile(sourcePath(2), corrupt);
     int lastFile = 0;
     DWORD size = sizingPass(0, 5, &lastFile), allocSize = 0;
@@ -79,6 +79,17 @@ TEST_F(EntryTable, MissingOrCorruptFilesAreSkippedAndLogged)
     QString refused = errorLine("GetIndexHighAndLow", "Error: Corrupt bucket range in the following file- " +
                                                           sourcePath(2) + " (bucket 07, low 0, high 99)");
     EXPECT_EQ(takeLog(), (QStringList{missing, refused, missing, refused}));
+}
+
+TEST_F(EntryTable, PathLongerThanItsBufferIsSkipped)
+{
+    m_Indexer.m_HostPath = host() + "/" + QString(490, 'x');  // 511 bytes would still fit
+    int lastFile = 0;
+    EXPECT_EQ(sizingPass(0, 2, &lastFile), 0u);
+    EXPECT_EQ(lastFile, 0);
+    EXPECT_EQ(takeLog(), QStringList{errorLine("CalculateSizeOfIndex", "Error: Path too long for the following yn "
+                                                                       "file- " + m_Indexer.m_HostPath +
+                                                                       "/idxnd/wdx000000.yn")});
 }
 
 TEST_F(EntryTable, OversizedBucketIsRefusedBeforeAllocation)

@@ -16,7 +16,7 @@ protected:
     {
         QByteArray table(512, '\xff');
         for (auto [group, position] : positions)
-            nxformat::writeLE16(reinterpret_cast<unsigned char*>(table.data()) + 2 * group, position);
+            table.replace(2 * group, 2, le32(position).left(2));
         return table;
     }
 };
