@@ -125,8 +125,9 @@ bool nxi::ReadHelperFile(int bucket)
 
 void nxi::SortEntryTable(DWORD allocSize)
 {
-    DWORD count = allocSize / nxformat::kRecordSize;
-    if (!m_EntryTable || count < 2)
+    size_t tableSize = m_EntryTable ? size_t(m_EntryTableEnd - m_EntryTable) : 0;
+    size_t count = std::min<size_t>(allocSize, tableSize) / nxformat::kRecordSize;
+    if (count < 2)
         return;
     auto* first = reinterpret_cast<EntryRecord*>(m_EntryTable);
     auto* last = first + count;
