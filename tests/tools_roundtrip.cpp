@@ -23,12 +23,12 @@ struct Record {
 };
 
 // What a database of the sample holds: its source files' and helper files' records.
-QVector<Record> recordsOf(const ynsample::SampleSpec& spec, const QString& db)
+QVector<Record> recordsOf(const ynsample::SampleOptions& options, const QString& db)
 {
     QVector<QVector<QByteArray>> parts;
-    for (int file = 0; file < spec.files; ++file)
-        parts << ynsample::sourceBuckets(spec, db, file);
-    parts << ynsample::helperBuckets(spec, db);
+    for (int file = 0; file < options.files; ++file)
+        parts << ynsample::sourceBuckets(options, db, file);
+    parts << ynsample::helperBuckets(options, db);
     QVector<Record> records;
     for (const QVector<QByteArray>& buckets : parts)
         for (int bucket = 0; bucket < buckets.size(); ++bucket)
@@ -72,11 +72,11 @@ class ToolsRoundTrip : public ::testing::Test
 protected:
     void SetUp() override
     {
-        m_Spec.types = {{"wdx", 2}, {"wfx", 1}};
-        m_Spec.files = 2;
-        m_Spec.recordsPerFile = 400;
-        m_Spec.helpers = true;
-        m_Spec.seed = 42;
+        m_Options.types = {{"wdx", 2}, {"wfx", 1}};
+        m_Options.files = 2;
+        m_Options.recordsPerFile = 400;
+        m_Options.helpers = true;
+        m_Options.seed = 42;
         nxtest::ToolRun sample = runTool("ynsample", {m_Install.root(), "--types", "wdx:2,wfx:1", "--files", "2",
                                                       "--records", "400", "--helpers", "--seed", "42"});
         ASSERT_EQ(sample.exitCode, 0) << qPrintable(sample.err);
@@ -84,17 +84,17 @@ protected:
     }
 
     TempInstall m_Install;
-    ynsample::SampleSpec m_Spec;
+    ynsample::SampleOptions m_Options;
 };
 
 } // namespace
 
 TEST_F(ToolsRoundTrip, EveryRecordIsFoundWithItsPayloadAndNothingElse)
 {
-    for (const QString& db : ynsample::databaseNames(m_Spec)) {
+    for (const QString& db : ynsample::databaseNames(m_Options)) {
         nxinspect::IndexReader reader(m_Install.host(), db);
         QSet<uint32_t> keys;
-        for (const Record& record : recordsOf(m_Spec, db)) {
+        for (const Record& record : recordsOf(m_Options, db)) {
             keys.insert(record.key);
             QVector<nxinspect::Match> matches;
             QString error;
@@ -117,7 +117,7 @@ TEST_F(ToolsRoundTrip, EveryRecordIsFoundWithItsPayloadAndNothingElse)
 
 TEST_F(ToolsRoundTrip, LookupSummaryAndVerifyPrintWhatTheIndexHolds)
 {
-    QVector<Record> records = recordsOf(m_Spec, "wdx01");
+    QVector<Record> records = recordsOf(m_Options, "wdx01");
     const Record& record = records[records.size() / 2];
     int position = 0;  // keys are unique in this sample: the record's rank in its bucket
     for (const Record& other : records)
@@ -133,8 +133,8 @@ TEST_F(ToolsRoundTrip, LookupSummaryAndVerifyPrintWhatTheIndexHolds)
     EXPECT_EQ(missing.err, "nxinspect: no record with key ffffffff in wfx00\n");
 
     QStringList summaries;
-    for (const QString& db : ynsample::databaseNames(m_Spec))
-        summaries << expectedSummary(db, recordsOf(m_Spec, db));
+    for (const QString& db : ynsample::databaseNames(m_Options))
+        summaries << expectedSummary(db, recordsOf(m_Options, db));
     nxtest::ToolRun summary = runTool("nxinspect", {"summary", m_Install.root()});
     EXPECT_EQ(summary.exitCode, 0);
     EXPECT_EQ(summary.out, summaries.join('\n'));

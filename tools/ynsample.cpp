@@ -53,31 +53,31 @@ QByteArray drawRecords(SplitMix64& rng, int bucket, uint32_t count)
     return records;
 }
 
-QVector<uint32_t> sourceBucketCounts(const SampleSpec& spec, const QString& db, int fileNumber)
+QVector<uint32_t> sourceBucketCounts(const SampleOptions& options, const QString& db, int fileNumber)
 {
-    SplitMix64 rng(streamSeed(spec.seed, db, uint64_t(fileNumber)));
-    return drawBucketCounts(rng, spec.recordsPerFile);
+    SplitMix64 rng(streamSeed(options.seed, db, uint64_t(fileNumber)));
+    return drawBucketCounts(rng, options.recordsPerFile);
 }
 
 // Source records per bucket over all files of a database.
-QVector<uint64_t> sourceBucketTotals(const SampleSpec& spec, const QString& db)
+QVector<uint64_t> sourceBucketTotals(const SampleOptions& options, const QString& db)
 {
     QVector<uint64_t> totals(nxformat::kBucketCount, 0);
-    for (int file = 0; file < spec.files; ++file) {
-        QVector<uint32_t> counts = sourceBucketCounts(spec, db, file);
+    for (int file = 0; file < options.files; ++file) {
+        QVector<uint32_t> counts = sourceBucketCounts(options, db, file);
         for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket)
             totals[bucket] += counts[bucket];
     }
     return totals;
 }
 
-QVector<QByteArray> helperBucketsFor(const SampleSpec& spec, const QString& db,
+QVector<QByteArray> helperBucketsFor(const SampleOptions& options, const QString& db,
                                      const QVector<uint64_t>& sourceTotals)
 {
     QVector<QByteArray> buckets(nxformat::kBucketCount);
-    if (!spec.helpers)
+    if (!options.helpers)
         return buckets;
-    SplitMix64 rng(streamSeed(spec.seed, db, kHelperStream));
+    SplitMix64 rng(streamSeed(options.seed, db, kHelperStream));
     for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket) {
         if (sourceTotals[bucket] == 0)
             continue;
@@ -97,11 +97,11 @@ QString writeBytes(const QString& path, const QByteArray& bytes)
     return QString();
 }
 
-QString writeDbCount(const SampleSpec& spec, const QString& host, const QString& db)
+QString writeDbCount(const SampleOptions& options, const QString& host, const QString& db)
 {
     QString path = nxformat::dbCountFilePath(host, db);
     commonfun::getInstance()->WritePrivateProfileString(nxformat::kDbCountSection, db.toUpper(),
-                                                        QString::number(dbCountValue(spec)), path);
+                                                        QString::number(dbCountValue(options)), path);
     return QFileInfo::exists(path) ? QString() : "cannot write " + path;
 }
 
@@ -115,36 +115,36 @@ uint64_t SplitMix64::next()
     return z ^ (z >> 31);
 }
 
-QStringList databaseNames(const SampleSpec& spec)
+QStringList databaseNames(const SampleOptions& options)
 {
     QStringList names;
-    for (const TypeVolumes& type : spec.types)
+    for (const TypeVolumes& type : options.types)
         for (int volume = 0; volume < type.volumes; ++volume)
             names << QString::asprintf("%s%02d", type.type.toLatin1().constData(), volume);
     return names;
 }
 
-QVector<QByteArray> sourceBuckets(const SampleSpec& spec, const QString& db, int fileNumber)
+QVector<QByteArray> sourceBuckets(const SampleOptions& options, const QString& db, int fileNumber)
 {
     // The same stream as sourceBucketCounts: the counts first, then the records.
-    SplitMix64 rng(streamSeed(spec.seed, db, uint64_t(fileNumber)));
-    QVector<uint32_t> counts = drawBucketCounts(rng, spec.recordsPerFile);
+    SplitMix64 rng(streamSeed(options.seed, db, uint64_t(fileNumber)));
+    QVector<uint32_t> counts = drawBucketCounts(rng, options.recordsPerFile);
     QVector<QByteArray> buckets(nxformat::kBucketCount);
     for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket)
         buckets[bucket] = drawRecords(rng, bucket, counts[bucket]);
     return buckets;
 }
 
-QVector<QByteArray> helperBuckets(const SampleSpec& spec, const QString& db)
+QVector<QByteArray> helperBuckets(const SampleOptions& options, const QString& db)
 {
-    return helperBucketsFor(spec, db, sourceBucketTotals(spec, db));
+    return helperBucketsFor(options, db, sourceBucketTotals(options, db));
 }
 
-std::optional<OversizedBucket> findOversizedBucket(const SampleSpec& spec)
+std::optional<OversizedBucket> findOversizedBucket(const SampleOptions& options)
 {
-    for (const QString& db : databaseNames(spec)) {
-        QVector<uint64_t> totals = sourceBucketTotals(spec, db);
-        QVector<QByteArray> helpers = helperBucketsFor(spec, db, totals);
+    for (const QString& db : databaseNames(options)) {
+        QVector<uint64_t> totals = sourceBucketTotals(options, db);
+        QVector<QByteArray> helpers = helperBucketsFor(options, db, totals);
         for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket) {
             uint64_t records = totals[bucket] + uint64_t(helpers[bucket].size()) / nxformat::kRecordSize;
             if (records > nxformat::kMaxBucketRecords)
@@ -154,28 +154,28 @@ std::optional<OversizedBucket> findOversizedBucket(const SampleSpec& spec)
     return std::nullopt;
 }
 
-QString writeSample(const SampleSpec& spec, const QString& host, SampleTotals* totals,
+QString writeSample(const SampleOptions& options, const QString& host, SampleTotals* totals,
                     const std::function<void(const QString&)>& progress)
 {
     // Source files next to an older sample would mix two samples in one index.
     if (!QDir(host + "/idxnd").entryList(QStringList{"*.yn"}, QDir::Files).isEmpty())
         return host + "/idxnd already holds source files; choose another root";
     *totals = SampleTotals();
-    for (const QString& db : databaseNames(spec)) {
-        for (int file = 0; file < spec.files; ++file) {
+    for (const QString& db : databaseNames(options)) {
+        for (int file = 0; file < options.files; ++file) {
             if (progress)
-                progress(QString("%1: source file %2 of %3").arg(db).arg(file + 1).arg(spec.files));
+                progress(QString("%1: source file %2 of %3").arg(db).arg(file + 1).arg(options.files));
             QString error = writeBytes(nxformat::sourceFilePath(host, db, file),
-                                       nxformat::buildSourceFile(sourceBuckets(spec, db, file)));
+                                       nxformat::buildSourceFile(sourceBuckets(options, db, file)));
             if (!error.isEmpty())
                 return error;
             ++totals->sourceFiles;
-            totals->records += uint64_t(spec.recordsPerFile);
+            totals->records += uint64_t(options.recordsPerFile);
         }
-        QString error = writeDbCount(spec, host, db);
+        QString error = writeDbCount(options, host, db);
         if (!error.isEmpty())
             return error;
-        QVector<QByteArray> helpers = helperBuckets(spec, db);
+        QVector<QByteArray> helpers = helperBuckets(options, db);
         for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket) {
             if (helpers[bucket].isEmpty())
                 continue;

@@ -32,7 +32,7 @@ struct TypeVolumes {
     int volumes = 1;
 };
 
-struct SampleSpec {
+struct SampleOptions {
     QVector<TypeVolumes> types{{"wdx", 1}, {"wfx", 1}};
     int files = 3;              // source files per database
     int recordsPerFile = 2000;  // spread at random over the 256 buckets
@@ -40,19 +40,19 @@ struct SampleSpec {
     uint64_t seed = 1;
 };
 
-// "wdx00", "wdx01", "wfx00": every database of the spec, in walk order.
-QStringList databaseNames(const SampleSpec& spec);
+// "wdx00", "wdx01", "wfx00": every database of the options, in walk order.
+QStringList databaseNames(const SampleOptions& options);
 
 // The DB-COUNT that makes the indexer merge every file of a database: it
 // merges file numbers up to DB-COUNT - 2.
-inline int dbCountValue(const SampleSpec& spec) { return spec.files + 1; }
+inline int dbCountValue(const SampleOptions& options) { return options.files + 1; }
 
 // The records of one source file, bucket by bucket (index = bucket). Byte 3
 // of every key is the bucket number, so a bucket's keys sort ascending.
-QVector<QByteArray> sourceBuckets(const SampleSpec& spec, const QString& db, int fileNumber);
+QVector<QByteArray> sourceBuckets(const SampleOptions& options, const QString& db, int fileNumber);
 // The helper file records of each bucket; empty for a bucket without
 // source records (the indexer loads a helper file only with new records).
-QVector<QByteArray> helperBuckets(const SampleSpec& spec, const QString& db);
+QVector<QByteArray> helperBuckets(const SampleOptions& options, const QString& db);
 
 // The first bucket whose merged records (all source files plus the helper
 // file) would pass the 65,535 records an index bucket can hold.
@@ -61,7 +61,7 @@ struct OversizedBucket {
     int bucket = 0;
     uint64_t records = 0;
 };
-std::optional<OversizedBucket> findOversizedBucket(const SampleSpec& spec);
+std::optional<OversizedBucket> findOversizedBucket(const SampleOptions& options);
 
 // What writeSample produced.
 struct SampleTotals {
@@ -75,7 +75,7 @@ struct SampleTotals {
 // Writes the sample under the DB host directory host. progress (may be
 // empty) receives one line per source file. Returns an error text, empty on
 // success. Call findOversizedBucket first: nothing here checks bucket sizes.
-QString writeSample(const SampleSpec& spec, const QString& host, SampleTotals* totals,
+QString writeSample(const SampleOptions& options, const QString& host, SampleTotals* totals,
                     const std::function<void(const QString&)>& progress);
 
 } // namespace ynsample

@@ -85,7 +85,7 @@ const QStringList kValueOptions{"--types", "--volumes", "--files", "--records", 
 
 struct Arguments {
     QString root;
-    ynsample::SampleSpec spec;
+    ynsample::SampleOptions options;
     bool help = false;
 };
 
@@ -93,11 +93,11 @@ struct Arguments {
 QString applyOption(const QString& name, const QString& value, Arguments* args, int* volumes)
 {
     if (name == "--types")
-        return parseTypes(value, &args->spec.types);
+        return parseTypes(value, &args->options.types);
     if (name == "--seed") {
         bool ok = false;
         bool hex = value.startsWith("0x");
-        args->spec.seed = (hex ? value.mid(2) : value).toULongLong(&ok, hex ? 16 : 10);
+        args->options.seed = (hex ? value.mid(2) : value).toULongLong(&ok, hex ? 16 : 10);
         return ok ? QString() : "--seed wants an unsigned 64-bit number, not '" + value + "'";
     }
     struct Bounded {
@@ -108,8 +108,8 @@ QString applyOption(const QString& name, const QString& value, Arguments* args, 
     };
     const Bounded bounded[] = {
         {"--volumes", volumes, 1, kMaxVolumes},
-        {"--files", &args->spec.files, 2, kMaxFiles},
-        {"--records", &args->spec.recordsPerFile, 1, kMaxRecordsPerFile},
+        {"--files", &args->options.files, 2, kMaxFiles},
+        {"--records", &args->options.recordsPerFile, 1, kMaxRecordsPerFile},
     };
     for (const Bounded& option : bounded) {
         if (name != option.name)
@@ -132,7 +132,7 @@ QString parseArguments(const QStringList& list, Arguments* args)
             return QString();
         }
         if (arg == "--helpers") {
-            args->spec.helpers = true;
+            args->options.helpers = true;
             continue;
         }
         if (!arg.startsWith("--")) {
@@ -158,7 +158,7 @@ QString parseArguments(const QStringList& list, Arguments* args)
     }
     if (args->root.isEmpty())
         return "no ROOT given (ynsample --help shows the usage)";
-    for (ynsample::TypeVolumes& type : args->spec.types)
+    for (ynsample::TypeVolumes& type : args->options.types)
         if (type.volumes < 0)
             type.volumes = volumes;
     return QString();
@@ -179,8 +179,8 @@ int main(int argc, char** argv)
         fputs(kUsage, stdout);
         return 0;
     }
-    const ynsample::SampleSpec& spec = args.spec;
-    if (std::optional<ynsample::OversizedBucket> big = ynsample::findOversizedBucket(spec)) {
+    const ynsample::SampleOptions& options = args.options;
+    if (std::optional<ynsample::OversizedBucket> big = ynsample::findOversizedBucket(options)) {
         fail(QString::asprintf("bucket %02x of %s would hold %llu records, more than the %u an index "
                                "bucket can hold; nothing written",
                                big->bucket, qPrintable(big->db), (unsigned long long)big->records,
@@ -189,11 +189,11 @@ int main(int argc, char** argv)
     }
 
     QString host = QDir(args.root).absolutePath() + "/db/txhost";
-    QStringList databases = ynsample::databaseNames(spec);
-    uint64_t jobRecords = uint64_t(databases.size()) * uint64_t(spec.files) * uint64_t(spec.recordsPerFile);
+    QStringList databases = ynsample::databaseNames(options);
+    uint64_t jobRecords = uint64_t(databases.size()) * uint64_t(options.files) * uint64_t(options.recordsPerFile);
     auto progress = [](const QString& line) { fprintf(stderr, "ynsample: %s\n", qPrintable(line)); };
     ynsample::SampleTotals totals;
-    error = ynsample::writeSample(spec, host, &totals,
+    error = ynsample::writeSample(options, host, &totals,
                                   jobRecords >= kProgressThreshold ? progress : std::function<void(const QString&)>());
     if (!error.isEmpty()) {
         fail(error);
@@ -203,6 +203,6 @@ int main(int argc, char** argv)
            "(seed %llu)\n",
            qPrintable(databases.join(' ')), qPrintable(host), totals.sourceFiles,
            (unsigned long long)totals.records, totals.helperFiles, (unsigned long long)totals.helperRecords,
-           (unsigned long long)spec.seed);
+           (unsigned long long)options.seed);
     return 0;
 }
