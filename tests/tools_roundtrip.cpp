@@ -143,3 +143,36 @@ TEST_F(ToolsRoundTrip, LookupSummaryAndVerifyPrintWhatTheIndexHolds)
     EXPECT_EQ(verify.exitCode, 0);
     EXPECT_EQ(verify.out, "wdx00: ok\nwdx01: ok\nwfx00: ok\nverify: 3 databases, no violations\n");
 }
+
+TEST(ToolsLookup, FindsKeysInEveryBucketAlsoWhereByte3Differs)
+{
+    TempInstall install;
+    const QByteArray first = nxtest::makeRecord(0x01070001, 1), second = nxtest::makeRecord(0x02070001, 2),
+                     third = nxtest::makeRecord(0x02080002, 3), again = nxtest::makeRecord(0x01070001, 4);
+    QVector<QByteArray> buckets(nxformat::kBucketCount);
+    buckets[5] = third + first + second;  // keys differ in byte 3: the bucket is scanned
+    buckets[6] = again;                   // the same key in another bucket
+    nxtest::writeFile(nxformat::sourceFilePath(install.host(), "wdx00", 0), nxformat::buildSourceFile(buckets));
+    nxtest::writeFile(nxformat::sourceFilePath(install.host(), "wdx00", 1), nxformat::buildSourceFile({}));
+    nxtest::writeFile(install.host() + "/idxval.ini", "[DB-COUNT]\nWDX00=3\n");
+    ASSERT_EQ(install.runIndexer(), 0);
+
+    nxinspect::IndexReader reader(install.host(), "wdx00");
+    auto found = [&](uint32_t key) {
+        QVector<nxinspect::Match> matches;
+        QString error;
+        EXPECT_TRUE(reader.lookup(key, &matches, &error)) << qPrintable(error);
+        QStringList texts;
+        for (const nxinspect::Match& match : matches)
+            texts << QString::asprintf("%02x/%d/%08x/", match.bucket, match.position, match.key) + match.payload.toHex();
+        return texts;
+    };
+    auto text = [](int bucket, int position, const QByteArray& record) {
+        return QString::asprintf("%02x/%d/%08x/", bucket, position, nxformat::recordKey(
+                                     reinterpret_cast<const unsigned char*>(record.constData()))) + record.mid(4).toHex();
+    };
+    EXPECT_EQ(found(0x01070001), (QStringList{text(5, 0, first), text(6, 0, again)}));
+    EXPECT_EQ(found(0x02070001), QStringList{text(5, 1, second)});
+    EXPECT_EQ(found(0x02080002), QStringList{text(5, 2, third)});
+    EXPECT_EQ(found(0x03070001), QStringList());
+}

@@ -40,6 +40,7 @@ TEST(ToolsSample, WritesSourceFilesAndDbCountsOfEveryDatabase)
     nxtest::ToolRun run = runTool("ynsample", {install.root(), "--types", "wdx:2,wfx", "--files=2", "--records",
                                                 "40", "--seed", "3"});
     ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
+    EXPECT_EQ(run.err, "");
     EXPECT_EQ(run.out, "ynsample: wdx00 wdx01 wfx00 under " + install.host() +
                            ": 6 source files, 240 records, 0 helper files with 0 records (seed 3)\n");
 
@@ -92,4 +93,13 @@ TEST(ToolsSample, RefusesWithOneLineAndWritesNothing)
     EXPECT_EQ(again.exitCode, 1);
     EXPECT_EQ(again.err, "ynsample: " + install.host() + "/idxnd already holds source files; choose another root\n");
     EXPECT_EQ(treeOf(install.host()), before);
+}
+
+TEST(ToolsSample, ReportsEachSourceFileOfALargeJob)
+{
+    TempInstall install;
+    nxtest::ToolRun run = runTool("ynsample", {install.root(), "--types", "wfx", "--records", "200000"});
+    ASSERT_EQ(run.exitCode, 0);
+    EXPECT_EQ(run.err, "ynsample: wfx00: source file 1 of 3\nynsample: wfx00: source file 2 of 3\n"
+                       "ynsample: wfx00: source file 3 of 3\n");
 }

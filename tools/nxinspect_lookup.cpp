@@ -45,7 +45,11 @@ bool IndexReader::load(int bucket, QString* error)
         return false;
     }
     qint64 records = entry.size() / nxformat::kRecordSize;
-    if (records != keyFile->keys.size() || records == 0) {
+    if (records == 0) {
+        *error = entry.fileName() + ": holds no record";
+        return false;
+    }
+    if (records != keyFile->keys.size()) {
         *error = QString::asprintf("bucket %02x: the key file holds %d keys, the entry file %lld records; "
                                    "nxinspect verify tells more",
                                    bucket, keyFile->keys.size(), (long long)records);
