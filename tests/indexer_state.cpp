@@ -51,32 +51,26 @@ TEST_F(StateFiles, DbCountComesFromTheFileOfTheDatabase)
     }
 }
 
-TEST_F(StateFiles, NextVolumeDecidesFullIndexing)
+TEST_F(StateFiles, NextVolumeDecidesFullIndexingAndWhereCountingStarts)
 {
     char wdx00[] = "wdx00", wdx99[] = "wdx99", empty[] = "";
-    EXPECT_FALSE(m_Indexer.IsToDoFullIndexing(wdx00));
-    touchSource("wdx01", 0);
-    EXPECT_TRUE(m_Indexer.IsToDoFullIndexing(wdx00));
-    EXPECT_FALSE(m_Indexer.IsToDoFullIndexing(wdx99));
-    touchSource("wdx100", 0);
-    EXPECT_TRUE(m_Indexer.IsToDoFullIndexing(wdx99));
-    EXPECT_FALSE(m_Indexer.IsToDoFullIndexing(empty));
-}
-
-TEST_F(StateFiles, SourceFilesAreCountedFromZeroOrOne)
-{
     useDatabase("wdx00");
     touchSource("wdx00", 0);
+    EXPECT_FALSE(m_Indexer.IsToDoFullIndexing(wdx00));
+    EXPECT_EQ(m_Indexer.GetDBCount(), 0);  // newest volume: counted from file 1
+    EXPECT_FALSE(m_Indexer.IsToDoFullIndexing(wdx99));
+    touchSource("wdx01", 0);
+    touchSource("wdx100", 0);
+    EXPECT_TRUE(m_Indexer.IsToDoFullIndexing(wdx00));
+    EXPECT_TRUE(m_Indexer.IsToDoFullIndexing(wdx99));  // wdx1000000.yn: the first file of wdx100
+    EXPECT_FALSE(m_Indexer.IsToDoFullIndexing(empty));
     m_Indexer.m_FullIndexing = true;
     EXPECT_EQ(m_Indexer.GetDBCount(), 1);
-    m_Indexer.m_FullIndexing = false;
-    EXPECT_EQ(m_Indexer.GetDBCount(), 0);
-    for (int n = 1; n <= 4; ++n)
+    for (int n : {1, 2, 3, 4, 6})  // 6 comes after a gap: not counted
         touchSource("wdx00", n);
-    touchSource("wdx00", 6);  // after a gap: not counted
-    EXPECT_EQ(m_Indexer.GetDBCount(), 4);
-    m_Indexer.m_FullIndexing = true;
     EXPECT_EQ(m_Indexer.GetDBCount(), 5);
+    m_Indexer.m_FullIndexing = false;
+    EXPECT_EQ(m_Indexer.GetDBCount(), 4);
 }
 
 TEST_F(StateFiles, ProgressFileTokenRules)
