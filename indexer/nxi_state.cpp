@@ -6,6 +6,7 @@
 
 #include <QByteArray>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -14,17 +15,15 @@
 namespace {
 
 // A progress line's value: the number after "=", or -1 when "=" ends the line.
-// Clamped so that the next file number (mark + 1) always fits an int.
+// A mark below -1 can only come from a damaged file and is read as -1 (merge
+// from file 0) rather than as millions of file numbers to visit; a mark is
+// capped so that the next file number (mark + 1) always fits an int.
 int progressValue(const char* equals)
 {
     if (equals[1] == '\0')
         return -1;
     const long value = std::strtol(equals + 1, nullptr, 10);
-    if (value > INT_MAX - 1)
-        return INT_MAX - 1;
-    if (value < INT_MIN)
-        return INT_MIN;
-    return int(value);
+    return int(std::clamp<long>(value, -1, INT_MAX - 1));
 }
 
 // The whole file as NUL-terminated text; empty when it cannot be read.

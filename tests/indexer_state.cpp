@@ -89,6 +89,7 @@ TEST_F(StateFiles, ProgressFileTokenRules)
         {"[hlpr]\n00=1\n01=2\n02=3\n03=4\n04\n05=6\n", marksWith({{0, 1}, {1, 2}, {2, 3}, {3, 4}})},
         {"[hlpr]\r\n\r\n00=05\r\n\r\n\r\n01=123\r\n", marksWith({{0, 5}, {1, 123}})},
         {"[hlpr]\n00\n01=3\n", marksWith({{1, 3}})},  // 00 without "=" clears slot 0 and goes on
+        {"[hlpr]\n00=-2000000000\n01=99999999999\n", marksWith({{0, -1}, {1, 2147483646}})},
         {"[hlpr]\n", marksWith({})},
         {"", marksWith({})},
     };
