@@ -2,7 +2,7 @@
 // with its payload, and summary and verify describe the index exactly.
 #include "Common.h"
 #include "indexformat.h"
-#include "nxinspect.h"
+#include "indexreader.h"
 #include "tools_support.h"
 #include "ynsample.h"
 

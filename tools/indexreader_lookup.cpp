@@ -1,4 +1,4 @@
-#include "nxinspect.h"
+#include "indexreader.h"
 
 #include <QFile>
 #include <QFileInfo>

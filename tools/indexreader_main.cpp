@@ -1,6 +1,6 @@
 // nxinspect: shows, checks and searches the index that nxindexer wrote under
 // an installation root. See kUsage for the command line.
-#include "nxinspect.h"
+#include "indexreader.h"
 
 #include "Common.h"
 
