@@ -1,4 +1,4 @@
-// Line building: format bytes, levels, output targets, names, program name.
+// Log lines: format bytes, levels, targets, names, repeats and the size limit with its backup.
 #include "Common.h"
 #include "Logger.h"
 #include "testsupport.h"
@@ -12,21 +12,17 @@ using LOGGER::CLogger;
 namespace {
 
 const QString kStamp = "(\\d{4}-\\d{2}-\\d{2} \\d{2}:\\d{2}:\\d{2}:\\d{3})";
+const qint64 kLimit = CLogger::kMaxLogFileSize;
+QString startBody() { return "[INFO]  [LoggerStarted] :: Build Date: " + Common::getBuildDateTime(); }
 
-QString startBody()
-{
-    return "[INFO]  [LoggerStarted] :: Build Date: " + Common::getBuildDateTime();
-}
-
-struct LoggerLines : ::testing::Test {
+struct Logger : ::testing::Test {
     QTemporaryDir dir;
     QString path = dir.path() + "/t.log";
     CLogger logger{path.toStdString()};
-    // The bodies written after the start line.
-    QStringList bodies() { return nxtest::logBodies(path).mid(1); }
+    QStringList bodies() { return nxtest::logBodies(path).mid(1); }  // after the start line
 };
 
-TEST_F(LoggerLines, LineBytesAreStampBlanksBodyCrLf)
+TEST_F(Logger, LineBytesAreStampBlanksBodyCrLf)
 {
     logger.Trace("void nxi::StartLoop()", "In get %s type", "DB");
     QRegularExpression line("^" + kStamp + "  " + QRegularExpression::escape(startBody()) + "\r\n"
@@ -36,26 +32,13 @@ TEST_F(LoggerLines, LineBytesAreStampBlanksBodyCrLf)
     EXPECT_TRUE(QDateTime::fromString(match.captured(2), "yyyy-MM-dd hh:mm:ss:zzz").isValid());
 }
 
-void logAllSix(CLogger& logger)
+TEST_F(Logger, LevelsLetThroughTheirEntryPoints)
 {
-    logger.Error("int main(int, char**)", 2, "e");
-    logger.Always("int main(int, char**)", "a");
-    logger.Info("int main(int, char**)", "i");
-    logger.Trace("int main(int, char**)", "t");
-    logger.Buffer("int main(int, char**)", "b");
-    logger.Debug("int main(int, char**)", "d");
-}
-
-TEST_F(LoggerLines, LevelsLetThroughTheirEntryPoints)
-{
-    const QStringList all = {"[ERROR]  [main] :: [0x00000002]: e", "[ALWAYS]  [main] :: a",
-                             "[INFO]  [main] :: i", "[TRACE]  [main] :: t", " [main] :: b",
-                             "[DEBUG]  [main] :: d"};
+    const QStringList all = {"[ERROR]  [main] :: [0x00000002]: e", "[ALWAYS]  [main] :: a", "[INFO]  [main] :: i",
+                             "[TRACE]  [main] :: t", " [main] :: b", "[DEBUG]  [main] :: d"};
     struct Case { void (*set)(CLogger&); int passing; };
     const Case cases[] = {
-        {[](CLogger&) {}, 4},
-        {[](CLogger& l) { l.DisableLog(); }, 2},
-        {[](CLogger& l) { l.EnaleLog(); }, 6},
+        {[](CLogger&) {}, 4}, {[](CLogger& l) { l.DisableLog(); }, 2}, {[](CLogger& l) { l.EnaleLog(); }, 6},
         {[](CLogger& l) { l.UpdateLogLevel(LOGGER::LOG_LEVEL(0)); }, 2},
         {[](CLogger& l) { l.UpdateLogLevel(LOGGER::LOG_LEVEL(-5)); }, 2},
         {[](CLogger& l) { l.UpdateLogLevel(LOGGER::LEVEL_INFO); }, 3},
@@ -63,24 +46,24 @@ TEST_F(LoggerLines, LevelsLetThroughTheirEntryPoints)
     };
     for (const Case& c : cases) {
         QString casePath = dir.filePath(QString("level%1.log").arg(&c - cases));
-        CLogger caseLogger(casePath.toStdString());
-        c.set(caseLogger);
-        logAllSix(caseLogger);
+        CLogger l(casePath.toStdString());
+        c.set(l);
+        const char* fn = "int main(int, char**)";
+        l.Error(fn, 2, "e"); l.Always(fn, "a"); l.Info(fn, "i"); l.Trace(fn, "t"); l.Buffer(fn, "b"); l.Debug(fn, "d");
         EXPECT_EQ(nxtest::logBodies(casePath).mid(1), all.mid(0, c.passing)) << casePath.toStdString();
     }
 }
 
-TEST_F(LoggerLines, ErrorCodePieceAndNamesInBody)
+TEST_F(Logger, ErrorCodePieceAndNamesInBody)
 {
     logger.Error("bool nxi::ReadHelperFile(int)", -1, "ReadFile %d", 7);
     logger.Error(nullptr, 2, "x");
     logger.Trace("f()", "%s", std::string(100000, 'y').c_str());
     EXPECT_EQ(bodies(), QStringList({"[ERROR]  [nxi::ReadHelperFile] :: [0xFFFFFFFF]: ReadFile 7",
-                                     "[ERROR]  [] :: [0x00000002]: x",
-                                     "[TRACE]  [f] :: " + QString(100000, 'y')}));
+                                     "[ERROR]  [] :: [0x00000002]: x", "[TRACE]  [f] :: " + QString(100000, 'y')}));
 }
 
-TEST_F(LoggerLines, ConsoleLinesEndInNewlineAndOtherTypesAreSilent)
+TEST_F(Logger, ConsoleLinesEndInNewlineAndOtherTypesAreSilent)
 {
     logger.EnableConsoleLogging();
     ::testing::internal::CaptureStdout();
@@ -94,48 +77,90 @@ TEST_F(LoggerLines, ConsoleLinesEndInNewlineAndOtherTypesAreSilent)
     EXPECT_EQ(nxtest::logBodies(path), QStringList({startBody()}));
 }
 
-TEST(LoggerNames, MethodNameReduction)
+TEST_F(Logger, MethodNameReduction)
 {
     const char* table[][2] = {
-        {"bool nxi::ReadHelperFile(int)", "nxi::ReadHelperFile"},
         {"DWORD nxi::CalculateSizeOfIndex(int, int, bool, int*, int)", "nxi::CalculateSizeOfIndex"},
-        {"void nxi::StartLoop()", "nxi::StartLoop"},
-        {"int main(int, char**)", "main"},
-        {"LoggerStarted", "LoggerStarted"},
+        {"int main(int, char**)", "main"}, {"LoggerStarted", "LoggerStarted"}, {nullptr, ""},
         {"f(int a)", "a)"},  // the first "(" lies before the first blank
-        {nullptr, ""},
     };
-    QTemporaryDir dir;
-    CLogger logger(dir.filePath("n.log").toStdString());
     for (auto& row : table)
-        EXPECT_EQ(logger.getProperMethodName(QString::fromUtf8(row[0])), row[1]);
+        EXPECT_EQ(logger.getProperMethodName(QString::fromUtf8(row[0])), row[1]) << row[0];
 }
 
-TEST(LoggerNames, ProgramNameFallsBackToExeThenUnknown)
+TEST(LoggerNames, ProgramNameFallsBackToExeThenUnknownAndNamesTheSharedLog)
 {
     struct Case { QStringList args; QString exe; QString name; };
     const Case cases[] = {
-        {{"/usr/bin/nxindexer", "x"}, "/a/other", "nxindexer"},
-        {{" /opt/ nx  "}, "", "nx"},
-        {{"/usr/bin/"}, "/a/other", "/usr/bin/"},
-        {{"   "}, "/opt/tv/bin/nxindexer", "nxindexer"},
-        {{}, "/opt/tv/bin/nxindexer", "nxindexer"},
-        {{}, "", "Unknown"},
-        {{" "}, "/", "Unknown"},
+        {{"/usr/bin/nxindexer", "x"}, "/a/other", "nxindexer"}, {{" /opt/ nx  "}, "", "nx"},
+        {{"/usr/bin/"}, "/a/other", "/usr/bin/"}, {{"   "}, "/opt/tv/bin/nxindexer", "nxindexer"},
+        {{}, "/opt/tv/bin/nxindexer", "nxindexer"}, {{}, "", "Unknown"}, {{" "}, "/", "Unknown"},
     };
     for (const Case& c : cases)
         EXPECT_EQ(CLogger::programNameFrom(c.args, c.exe), c.name) << c.args.join('|').toStdString();
     EXPECT_EQ(CLogger::programName(), "nxtest_logger");
-}
-
-TEST(LoggerInstance, OneObjectWritingToTheProgramsLog)
-{
     CLogger* logger = CLogger::getInstance();
     ASSERT_EQ(CLogger::getInstance(), logger);
     QString path = Common::getLogsPath() + "/nxtest_logger.log";
     EXPECT_EQ(logger->logFilePath(), path.toStdString());
     EXPECT_EQ(nxtest::logBodies(path).last(), startBody());
     CLogger::releaseInstance();
+}
+
+TEST_F(Logger, RepeatsCollapseIntoOneCountLineRewrittenInPlace)
+{
+    for (int i = 0; i < 3; ++i)
+        logger.Trace("void nxi::StartLoop()", "In get DB type");
+    EXPECT_TRUE(nxtest::readFile(path).endsWith("In get DB type\r\nRepeated [00002] times.\r\n"));
+    int size = nxtest::readFile(path).size();
+    logger.Trace("void nxi::StartLoop()", "In get DB type");
+    EXPECT_EQ(nxtest::readFile(path).size(), size);
+    logger.Trace("int main(int, char**)", "In get DB type");  // same text, other function or level: new
+    logger.Info("int main(int, char**)", "In get DB type");
+    EXPECT_EQ(bodies(), QStringList({"[TRACE]  [nxi::StartLoop] :: In get DB type", "Repeated [00003] times.",
+                                     "[TRACE]  [main] :: In get DB type", "[INFO]  [main] :: In get DB type"}));
+}
+
+TEST_F(Logger, CountsBeyondFiveDigitsKeepTheLineBefore)
+{
+    const std::string body = "[TRACE]  [f] :: again";
+    logger.logIntoFile(body);
+    QByteArray head = nxtest::readFile(path);
+    for (int i = 0; i < 100000; ++i)
+        logger.logIntoFile(body);
+    EXPECT_EQ(nxtest::readFile(path), head + "Repeated [100000] times.\r\n");
+    logger.logIntoFile(body);
+    EXPECT_EQ(nxtest::readFile(path), head + "Repeated [100001] times.\r\n");
+}
+
+TEST(LoggerStartUp, OversizedLogMovesToBackup)
+{
+    for (qint64 size : {kLimit + 1, kLimit}) {
+        QTemporaryDir dir;
+        QString path = dir.filePath("t.log");
+        QByteArray old(int(size), 'o');
+        nxtest::writeFile(path, old);
+        nxtest::writeFile(path + ".bkp", "previous backup");
+        CLogger logger(path.toStdString());
+        EXPECT_EQ(nxtest::readFile(path + ".bkp"), size > kLimit ? old : QByteArray("previous backup"));
+        EXPECT_EQ(nxtest::readFile(path).startsWith(old), size <= kLimit);
+        EXPECT_EQ(nxtest::readFile(path).count("\r\n"), 1);
+    }
+}
+
+TEST_F(Logger, RepeatOnOversizedLogMovesItToBackup)
+{
+    logger.Trace("f()", "big");
+    logger.Trace("f()", "big");
+    QByteArray full = nxtest::readFile(path);
+    full += QByteArray(int(kLimit + 1 - full.size()), 'z');
+    nxtest::writeFile(path, full);
+    logger.Trace("f()", "big");
+    EXPECT_EQ(nxtest::readFile(path + ".bkp"), full);
+    EXPECT_FALSE(nxtest::exists(path));  // the count line of that call is dropped
+    logger.Trace("f()", "fresh");
+    logger.Trace("f()", "fresh");
+    EXPECT_EQ(nxtest::logBodies(path), QStringList({"[TRACE]  [f] :: fresh", "Repeated [00001] times."}));
 }
 
 } // namespace
