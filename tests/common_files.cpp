@@ -1,4 +1,4 @@
-// File helpers: existence, size, delete and the delete-then-rename move.
+// INI helpers byte for byte, and the file helpers' edge cases.
 #include "commonfun.h"
 #include "testsupport.h"
 
@@ -12,84 +12,71 @@ namespace {
 class CommonFiles : public ::testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(m_Dir.isValid());
-        nxtest::writeFile(path("src"), "source bytes");
-        nxtest::writeFile(path("dst"), "old");
-        QDir().mkpath(path("dir"));
-    }
     QString path(const QString& name) const { return m_Dir.path() + "/" + name; }
-    commonfun* files = commonfun::getInstance();
+    commonfun* fun = commonfun::getInstance();
     QTemporaryDir m_Dir;
 };
 
-TEST_F(CommonFiles, ExistenceAndSize)
+TEST_F(CommonFiles, IniTextAndReads)
 {
-    QFile::link(path("gone"), path("broken"));
-    EXPECT_TRUE(files->PathFileExists(path("src")));
-    EXPECT_TRUE(files->PathFileExists(path("dir")));
-    EXPECT_FALSE(files->PathFileExists(""));
-    EXPECT_FALSE(files->PathFileExists(path("gone")));
-    EXPECT_FALSE(files->PathFileExists(path("broken")));
+    // Nothing is written for an empty section, key or path.
+    const QString file = path("a.ini"), sorted = path("b.ini"), missing = path("gone.ini");
+    fun->WritePrivateProfileString("", "K", "1", file);
+    fun->WritePrivateProfileString("S", "", "1", file);
+    fun->WritePrivateProfileString("S", "K", "1", "");
+    EXPECT_TRUE(QDir(m_Dir.path()).isEmpty());
 
-    QString src = path("src"), missing = path("gone");
-    nxtest::writeFile(path("empty"), "");
-    QString empty = path("empty");
-    EXPECT_EQ(files->GetFileSize(src), 12);
-    EXPECT_EQ(files->GetFileSize(empty), 0);
-    EXPECT_EQ(files->GetFileSize(missing), 0);
-    EXPECT_EQ(src, path("src"));
+    fun->WritePrivateProfileString("S", "K", "", file);
+    EXPECT_EQ(nxtest::readFile(file), QByteArray("[S]\nK=\n"));
+    EXPECT_EQ(fun->GetPrivateProfileString("S", "K", "fallback", file), QString(""));
+    EXPECT_EQ(fun->GetPrivateProfileInt("S", "K", 5, file), 0);
+    for (const char* key : {"ff", "0a", "B", "00", "a", "1b"})
+        fun->WritePrivateProfileString("wdx00", key, QString("v") + key, sorted);
+    fun->WritePrivateProfileString("wdx00", "0a", "12", sorted);
+    EXPECT_EQ(nxtest::readFile(sorted),
+              QByteArray("[wdx00]\n00=v00\n0a=12\n1b=v1b\nB=vB\na=va\nff=vff\n"));
+    EXPECT_EQ(fun->GetPrivateProfileString("wdx00", "b", "none", sorted), QString("none"));
+
+    EXPECT_EQ(fun->GetPrivateProfileInt("S", "K", 7, missing), 7);
+    EXPECT_FALSE(nxtest::exists(missing));
+    nxtest::writeFile(file, "[S]\nK=3\nabc=abc\nx=12x\nneg=-4\n");
+    const std::pair<const char*, int> ints[] = {{"K", 3}, {"other", -1}, {"abc", 0}, {"x", 0}, {"neg", -4}};
+    for (const auto& row : ints)
+        EXPECT_EQ(fun->GetPrivateProfileInt("S", row.first, -1, file), row.second) << row.first;
 }
 
-TEST_F(CommonFiles, DeleteRemovesFilesOnly)
+TEST_F(CommonFiles, ExistenceDeleteAndMove)
 {
-    EXPECT_TRUE(files->DeleteFile(path("src")));
-    EXPECT_FALSE(nxtest::exists(path("src")));
-    EXPECT_FALSE(files->DeleteFile(path("src")));
-    EXPECT_FALSE(files->DeleteFile(path("dir")));
-    EXPECT_TRUE(QFileInfo(path("dir")).isDir());
-}
-
-TEST_F(CommonFiles, MoveReplacesAnExistingDestination)
-{
-    EXPECT_TRUE(files->MoveFile(path("src"), path("dst")));
-    EXPECT_FALSE(nxtest::exists(path("src")));
-    EXPECT_EQ(nxtest::readFile(path("dst")), QByteArray("source bytes"));
-
-    EXPECT_TRUE(files->MoveFile(path("dst"), path("new")));
-    EXPECT_EQ(nxtest::readFile(path("new")), QByteArray("source bytes"));
-}
-
-TEST_F(CommonFiles, MoveWithMissingSourceTouchesNothing)
-{
-    EXPECT_FALSE(files->MoveFile(path("gone"), path("dst")));
-    EXPECT_EQ(nxtest::readFile(path("dst")), QByteArray("old"));
-}
-
-TEST_F(CommonFiles, MoveOntoADirectoryFailsAndKeepsBoth)
-{
+    QString src = path("src");
+    nxtest::writeFile(src, "source bytes");
+    nxtest::writeFile(path("dst"), "old");
     nxtest::writeFile(path("dir/inner"), "x");
-    EXPECT_FALSE(files->MoveFile(path("src"), path("dir")));
+    QFile::link(path("gone"), path("broken"));
+    QFile::link(src, path("alias"));
+    EXPECT_FALSE(fun->PathFileExists(""));
+    EXPECT_FALSE(fun->PathFileExists(path("broken")));
+    EXPECT_EQ(fun->GetFileSize(src), 12);
+    EXPECT_FALSE(fun->DeleteFile(path("dir")));
+    EXPECT_FALSE(fun->MoveFile(path("gone"), path("dst")));
+    EXPECT_FALSE(fun->MoveFile(src, path("dir")));
     EXPECT_EQ(nxtest::readFile(path("dir/inner")), QByteArray("x"));
-    EXPECT_EQ(nxtest::readFile(path("src")), QByteArray("source bytes"));
-}
 
-TEST_F(CommonFiles, MoveOfAFileOntoItselfIsRefusedAndKeepsIt)
-{
-    QFile::link(path("src"), path("alias"));
     const QString previous = QDir::currentPath();
     ASSERT_TRUE(QDir::setCurrent(m_Dir.path()));
-    const QString spellings[] = {path("src"), "src", "./dir/../src", path("alias")};
-    for (const QString& other : spellings) {
-        EXPECT_FALSE(files->MoveFile(path("src"), other)) << other.toStdString();
-        EXPECT_FALSE(files->MoveFile(other, path("src"))) << other.toStdString();
-        EXPECT_EQ(nxtest::readFile(path("src")), QByteArray("source bytes"));
+    for (const QString& other : {src, QString("src"), QString("./dir/../src"), path("alias")}) {
+        EXPECT_FALSE(fun->MoveFile(src, other)) << other.toStdString();
+        EXPECT_FALSE(fun->MoveFile(other, src)) << other.toStdString();
     }
-    // Relative names resolve against the working directory.
-    EXPECT_TRUE(files->MoveFile("src", "dir/moved"));
+    EXPECT_EQ(nxtest::readFile(src), QByteArray("source bytes"));
+    EXPECT_EQ(nxtest::readFile(path("dst")), QByteArray("old"));
+    // Relative names resolve against the working directory; the old file is replaced.
+    EXPECT_TRUE(fun->MoveFile("src", "dst"));
     QDir::setCurrent(previous);
-    EXPECT_EQ(nxtest::readFile(path("dir/moved")), QByteArray("source bytes"));
+    EXPECT_FALSE(nxtest::exists(src));
+    EXPECT_EQ(nxtest::readFile(path("dst")), QByteArray("source bytes"));
+    EXPECT_TRUE(fun->DeleteFile(path("dst")));
+    EXPECT_FALSE(fun->DeleteFile(path("dst")));
+    EXPECT_TRUE(fun->PathFileExists(path("dir")));
 }
 
 } // namespace
