@@ -1,178 +1,140 @@
 // ynsample -> nxindexer -> nxinspect: every generated record is found again
-// with its payload, and summary and verify describe the index exactly.
-#include "Common.h"
-#include "indexformat.h"
+// with its payload; lookup, summary and verify print exactly what is indexed.
 #include "indexreader.h"
 #include "tools_support.h"
 #include "ynsample.h"
 
-#include <QSet>
+#include <QFile>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
+using nxtest::readFile;
 using nxtest::runTool;
 using nxtest::TempInstall;
+using nxtest::writeFile;
 
-namespace {
-
-struct Record {
-    int bucket;
-    uint32_t key;
-    QByteArray payload;
-};
-
-// What a database of the sample holds: its source files' and helper files' records.
-QVector<Record> recordsOf(const ynsample::SampleOptions& options, const QString& db)
+TEST(ToolsRoundTrip, EveryGeneratedRecordIsFoundAndVerifyNamesEachDamage)
 {
-    QVector<QVector<QByteArray>> parts;
-    for (int file = 0; file < options.files; ++file)
-        parts << ynsample::sourceBuckets(options, db, file);
-    parts << ynsample::helperBuckets(options, db);
-    QVector<Record> records;
-    for (const QVector<QByteArray>& buckets : parts)
-        for (int bucket = 0; bucket < buckets.size(); ++bucket)
-            for (int at = 0; at < buckets[bucket].size(); at += int(nxformat::kRecordSize)) {
-                const auto* p = reinterpret_cast<const unsigned char*>(buckets[bucket].constData()) + at;
-                records.append({bucket, nxformat::recordKey(p),
-                                buckets[bucket].mid(at + int(nxformat::kPayloadOffset), int(nxformat::kPayloadSize))});
-            }
-    return records;
-}
+    TempInstall install;
+    const ynsample::SampleOptions options{{{"wdx", 2}, {"wfx", 1}}, 2, 400, true, 42};
+    nxtest::ToolRun sample = runTool("ynsample", {install.root(), "--types", "wdx:2,wfx:1", "--files", "2",
+                                                  "--records", "400", "--helpers", "--seed", "42"});
+    ASSERT_EQ(sample.exitCode, 0) << qPrintable(sample.err);
+    ASSERT_EQ(install.runIndexer(), 0);
 
-// The summary of a database whose every bucket with records was written once.
-QString expectedSummary(const QString& db, const QVector<Record>& records)
-{
-    QSet<int> buckets;
-    for (const Record& record : records)
-        buckets.insert(record.bucket);
-    int firstEmpty = 0;  // the indexer's reader of the marks stops there
-    while (buckets.contains(firstEmpty))
-        ++firstEmpty;
-    QString marksRead = firstEmpty == buckets.size()
-                            ? QString()
-                            : QString("                   the next run reads %1 of them: its reader stops at "
-                                      "the first bucket without a mark\n").arg(firstEmpty);
-    qint64 n = records.size(), b = buckets.size();
-    qint64 statusSize = nxformat::kStatusHeadSize + b * nxformat::bucketBlockSize(0) + 2 * n;
-    auto size = [](qint64 bytes) { return Common::getSizeInString(quint64(bytes)); };
-    return QString("%1\n"
-                   "  buckets written  %2 of 256, %3 records\n"
-                   "  index files      key %4, payload %5, entry %6\n"
-                   "  status file      %1.sbf, %7, %2 blocks\n"
-                   "  size record      %8#NXI, matches the status file\n"
-                   "  progress marks   %2 buckets marked, last merged file 1 to 1\n%9")
-        .arg(db).arg(b).arg(n)
-        .arg(size(2 * n + 512 * b), size(12 * n), size(16 * n), size(statusSize))
-        .arg(statusSize).arg(marksRead);
-}
-
-class ToolsRoundTrip : public ::testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        m_Options.types = {{"wdx", 2}, {"wfx", 1}};
-        m_Options.files = 2;
-        m_Options.recordsPerFile = 400;
-        m_Options.helpers = true;
-        m_Options.seed = 42;
-        nxtest::ToolRun sample = runTool("ynsample", {m_Install.root(), "--types", "wdx:2,wfx:1", "--files", "2",
-                                                      "--records", "400", "--helpers", "--seed", "42"});
-        ASSERT_EQ(sample.exitCode, 0) << qPrintable(sample.err);
-        ASSERT_EQ(m_Install.runIndexer(), 0);
+    for (const QString& db : ynsample::databaseNames(options)) {
+        nxinspect::IndexReader reader(install.host(), db);
+        QVector<QVector<QByteArray>> parts{ynsample::helperBuckets(options, db)};
+        for (int file = 0; file < options.files; ++file)
+            parts << ynsample::sourceBuckets(options, db, file);
+        for (const QVector<QByteArray>& buckets : parts)
+            for (int bucket = 0; bucket < buckets.size(); ++bucket)
+                for (int at = 0; at < buckets[bucket].size(); at += int(nxformat::kRecordSize)) {
+                    const uint32_t key = nxformat::recordKey(reinterpret_cast<const unsigned char*>(buckets[bucket].constData()) + at);
+                    const QByteArray payload = buckets[bucket].mid(at + int(nxformat::kPayloadOffset), int(nxformat::kPayloadSize));
+                    QVector<nxinspect::Match> matches;
+                    QString error;
+                    ASSERT_TRUE(reader.lookup(key, &matches, &error)) << qPrintable(error);
+                    EXPECT_TRUE(std::any_of(matches.begin(), matches.end(), [&](const nxinspect::Match& m) {
+                        return m.bucket == bucket && m.key == key && m.payload == payload;
+                    })) << qPrintable(db) << " key " << std::hex << key;
+                }
     }
 
-    TempInstall m_Install;
-    ynsample::SampleOptions m_Options;
-};
+    // verify names a flipped byte in each kind of index file of bucket 3f of wdx00, and what an
+    // unfinished run leaves behind.
+    const QString host = install.host(), key = "idxn/wdx00/3f.m", payload = "idxn/wdx00/3f.d", entry = "hl/wdx00/hlp/3f.hl";
+    const QByteArray status = readFile(host + "/wdx00.sbf");
+    const uint32_t block = nxformat::readLE32(reinterpret_cast<const unsigned char*>(status.constData()) + 4 * 0x3f);
+    const int count = int(nxformat::readLE32(reinterpret_cast<const unsigned char*>(status.constData()) + block));
+    const int group0 = readFile(host + "/" + entry)[2];  // group byte of record 0
+    ASSERT_GE(count, 3);
+    // The file (under the DB host), the byte flipped (-1: the file is created empty), the lines' starts.
+    const struct { QString file; qint64 offset; QStringList expected; } damages[] = {
+        {key, 0, {"  " + key + ", bucket 3f, position 0: key 0x", "  wdx00.sbf, bucket 3f, block position 0: key 0x"}},
+        {key, 2 * count + 2 * group0,
+         {QString::asprintf("  %s, bucket 3f, group slot %02x: holds 1, the group's first position in %s is 0",
+                            qPrintable(key), group0, qPrintable(entry)),
+          QString::asprintf("  wdx00.sbf, bucket 3f, block group slot %02x: holds 0, the key file 1", group0)}},
+        {payload, 12 * 1 + 5, {"  " + payload + ", bucket 3f, position 1: payload differs from the record in " + entry}},
+        {entry, 16 * 2 + 9, {"  " + payload + ", bucket 3f, position 2: payload differs from the record in " + entry}},
+        {"wdx00.sbf", 4 * 0x3f,
+         {QString("  wdx00.sbf, bucket 3f, head slot 3f: offset %1 is not where a block begins").arg(block ^ 1),
+          QString("  wdx00.sbf, byte %1: block belongs to no head slot").arg(block)}},
+        {"wdx00.sbf", block + 4 + 512 + 2, {"  wdx00.sbf, bucket 3f, block position 1: key 0x"}},
+        {"sbf_check_yn.ini", readFile(host + "/sbf_check_yn.ini").indexOf("wdx00.sbf=") + 10,
+         {"  sbf_check_yn.ini, key wdx00.sbf: records "}},
+        {"idxn/wdx00/3f.mnew", -1, {"  idxn/wdx00/3f.mnew, bucket 3f: pending file left behind by an unfinished write"}},
+        {"hl/wdx00/hlp/3f.hlold", -1, {"  hl/wdx00/hlp/3f.hlold, bucket 3f: previous file left behind by an unfinished rotation"}},
+        {"wdx00.sbftmp", -1, {"  wdx00.sbftmp: status file under construction left behind by an unfinished run"}},
+    };
+    for (const auto& damage : damages) {
+        SCOPED_TRACE(qPrintable(damage.file + QString(" byte %1").arg(damage.offset)));
+        const QString path = host + "/" + damage.file;
+        const QByteArray original = readFile(path);
+        QByteArray damaged = original;
+        if (damage.offset >= 0)
+            damaged[int(damage.offset)] = char(damaged[int(damage.offset)] ^ 0x01);
+        writeFile(path, damaged);
 
-} // namespace
-
-TEST_F(ToolsRoundTrip, EveryRecordIsFoundWithItsPayloadAndNothingElse)
-{
-    for (const QString& db : ynsample::databaseNames(m_Options)) {
-        nxinspect::IndexReader reader(m_Install.host(), db);
-        QSet<uint32_t> keys;
-        for (const Record& record : recordsOf(m_Options, db)) {
-            keys.insert(record.key);
-            QVector<nxinspect::Match> matches;
-            QString error;
-            ASSERT_TRUE(reader.lookup(record.key, &matches, &error)) << qPrintable(error);
-            bool found = std::any_of(matches.begin(), matches.end(), [&](const nxinspect::Match& match) {
-                return match.bucket == record.bucket && match.key == record.key && match.payload == record.payload;
-            });
-            EXPECT_TRUE(found) << qPrintable(db) << " key " << std::hex << record.key;
-        }
-        // Keys next to present ones, in the same bucket and group, are absent.
-        uint32_t absent = *keys.begin();
-        while (keys.contains(absent))
-            ++absent;
-        QVector<nxinspect::Match> matches;
-        QString error;
-        ASSERT_TRUE(reader.lookup(absent, &matches, &error));
-        EXPECT_TRUE(matches.isEmpty()) << std::hex << absent;
+        nxtest::ToolRun run = runTool("nxinspect", {"verify", install.root()});
+        EXPECT_EQ(run.exitCode, 1);
+        const QStringList lines = run.out.split('\n');
+        const int n = damage.expected.size();
+        EXPECT_EQ(lines[0], QString("wdx00: %1 violation%2").arg(n).arg(n > 1 ? "s" : ""));
+        for (int i = 0; i < n; ++i)
+            EXPECT_TRUE(lines.value(i + 1).startsWith(damage.expected[i])) << qPrintable(run.out);
+        if (damage.offset >= 0)
+            writeFile(path, original);
+        else
+            QFile::remove(path);
     }
-}
-
-TEST_F(ToolsRoundTrip, LookupSummaryAndVerifyPrintWhatTheIndexHolds)
-{
-    QVector<Record> records = recordsOf(m_Options, "wdx01");
-    const Record& record = records[records.size() / 2];
-    int position = 0;  // keys are unique in this sample: the record's rank in its bucket
-    for (const Record& other : records)
-        position += other.bucket == record.bucket && other.key < record.key ? 1 : 0;
-    QString key = QString::asprintf("%08x", record.key);
-    nxtest::ToolRun lookup = runTool("nxinspect", {"lookup", "wdx01", "0x" + key, m_Install.root()});
-    EXPECT_EQ(lookup.exitCode, 0);
-    EXPECT_EQ(lookup.out, QString::asprintf("wdx01 bucket %02x position %d: key ", record.bucket, position) + key +
-                              " payload " + record.payload.toHex() + "\n");
-
-    nxtest::ToolRun missing = runTool("nxinspect", {"lookup", "wfx00", "ffffffff", m_Install.root()});
-    EXPECT_EQ(missing.exitCode, 1);
-    EXPECT_EQ(missing.err, "nxinspect: no record with key ffffffff in wfx00\n");
-
-    QStringList summaries;
-    for (const QString& db : ynsample::databaseNames(m_Options))
-        summaries << expectedSummary(db, recordsOf(m_Options, db));
-    nxtest::ToolRun summary = runTool("nxinspect", {"summary", m_Install.root()});
-    EXPECT_EQ(summary.exitCode, 0);
-    EXPECT_EQ(summary.out, summaries.join('\n'));
-
-    nxtest::ToolRun verify = runTool("nxinspect", {"verify", m_Install.root()});
+    // Once each damage is undone, verify passes.
+    nxtest::ToolRun verify = runTool("nxinspect", {"verify", install.root()});
     EXPECT_EQ(verify.exitCode, 0);
     EXPECT_EQ(verify.out, "wdx00: ok\nwdx01: ok\nwfx00: ok\nverify: 3 databases, no violations\n");
 }
 
-TEST(ToolsLookup, FindsKeysInEveryBucketAlsoWhereByte3Differs)
+TEST(ToolsRoundTrip, LookupFindsKeysAlsoWhereByte3DiffersAndSummaryIsExact)
 {
     TempInstall install;
-    const QByteArray first = nxtest::makeRecord(0x01070001, 1), second = nxtest::makeRecord(0x02070001, 2),
-                     third = nxtest::makeRecord(0x02080002, 3), again = nxtest::makeRecord(0x01070001, 4);
+    const uint32_t keys[] = {0x02080002, 0x01070001, 0x02070001, 0x01070001};
+    QByteArray records[4];
+    for (int i = 0; i < 4; ++i)
+        records[i] = nxtest::makeRecord(keys[i], uint32_t(i + 1));
     QVector<QByteArray> buckets(nxformat::kBucketCount);
-    buckets[5] = third + first + second;  // keys differ in byte 3: the bucket is scanned
-    buckets[6] = again;                   // the same key in another bucket
-    nxtest::writeFile(nxformat::sourceFilePath(install.host(), "wdx00", 0), nxformat::buildSourceFile(buckets));
-    nxtest::writeFile(nxformat::sourceFilePath(install.host(), "wdx00", 1), nxformat::buildSourceFile({}));
-    nxtest::writeFile(install.host() + "/idxval.ini", "[DB-COUNT]\nWDX00=3\n");
+    buckets[5] = records[0] + records[1] + records[2];  // keys differ in byte 3: the bucket is scanned
+    buckets[6] = records[3];                            // the same key in another bucket
+    writeFile(nxformat::sourceFilePath(install.host(), "wdx00", 0), nxformat::buildSourceFile(buckets));
+    writeFile(nxformat::sourceFilePath(install.host(), "wdx00", 1), nxformat::buildSourceFile({}));
+    writeFile(install.host() + "/idxval.ini", "[DB-COUNT]\nWDX00=3\n");
     ASSERT_EQ(install.runIndexer(), 0);
 
-    nxinspect::IndexReader reader(install.host(), "wdx00");
-    auto found = [&](uint32_t key) {
-        QVector<nxinspect::Match> matches;
-        QString error;
-        EXPECT_TRUE(reader.lookup(key, &matches, &error)) << qPrintable(error);
-        QStringList texts;
-        for (const nxinspect::Match& match : matches)
-            texts << QString::asprintf("%02x/%d/%08x/", match.bucket, match.position, match.key) + match.payload.toHex();
-        return texts;
+    auto line = [&](int bucket, int position, int i) {
+        return QString::asprintf("wdx00 bucket %02x position %d: key %08x payload ", bucket, position, keys[i]) +
+               records[i].mid(int(nxformat::kPayloadOffset)).toHex() + "\n";
     };
-    auto text = [](int bucket, int position, const QByteArray& record) {
-        return QString::asprintf("%02x/%d/%08x/", bucket, position, nxformat::recordKey(
-                                     reinterpret_cast<const unsigned char*>(record.constData()))) + record.mid(4).toHex();
+    const struct { const char* key; int exitCode; QString out; } lookups[] = {
+        {"01070001", 0, line(5, 0, 1) + line(6, 0, 3)},
+        {"0x2070001", 0, line(5, 1, 2)},
+        {"02080002", 0, line(5, 2, 0)},
+        {"03070001", 1, ""},
     };
-    EXPECT_EQ(found(0x01070001), (QStringList{text(5, 0, first), text(6, 0, again)}));
-    EXPECT_EQ(found(0x02070001), QStringList{text(5, 1, second)});
-    EXPECT_EQ(found(0x02080002), QStringList{text(5, 2, third)});
-    EXPECT_EQ(found(0x03070001), QStringList());
+    for (const auto& lookup : lookups) {
+        nxtest::ToolRun run = runTool("nxinspect", {"lookup", "wdx00", lookup.key, install.root()});
+        EXPECT_EQ(run.exitCode, lookup.exitCode) << lookup.key;
+        EXPECT_EQ(run.out, lookup.out);
+        EXPECT_EQ(run.err, lookup.exitCode ? "nxinspect: no record with key " + QString(lookup.key) + " in wdx00\n" : "");
+    }
+    // Key file: 2 bytes a record + a 512-byte group table a bucket; status file: 1024-byte head + blocks.
+    nxtest::ToolRun summary = runTool("nxinspect", {"summary", install.root()});
+    EXPECT_EQ(summary.exitCode, 0);
+    EXPECT_EQ(summary.out, "wdx00\n"
+                           "  buckets written  2 of 256, 4 records\n"
+                           "  index files      key 1.01 KB, payload 48.00 bytes, entry 64.00 bytes\n"
+                           "  status file      wdx00.sbf, 2.02 KB, 2 blocks\n"
+                           "  size record      2064#NXI, matches the status file\n"
+                           "  progress marks   2 buckets marked, last merged file 1 to 1\n"
+                           "                   the next run reads 0 of them: its reader stops at the first bucket without a mark\n");
 }

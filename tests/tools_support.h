@@ -1,8 +1,7 @@
 #ifndef NXI_TOOLS_SUPPORT_H
 #define NXI_TOOLS_SUPPORT_H
 
-// Running the built ynsample and nxinspect as processes, and reading a tree
-// of files back for comparison.
+// Running the built ynsample and nxinspect, and reading a tree of files back.
 
 #include <QDirIterator>
 #include <QMap>
@@ -17,11 +16,7 @@ inline void PrintTo(const QString& text, std::ostream* out) { *out << '"' << tex
 
 namespace nxtest {
 
-struct ToolRun {
-    int exitCode = -1;  // -1 when the process did not end normally
-    QString out;
-    QString err;
-};
+struct ToolRun { int exitCode = -1; QString out, err; };  // exitCode -1: the process did not end normally
 
 inline ToolRun runTool(const QString& tool, const QStringList& args)
 {
@@ -39,8 +34,7 @@ inline ToolRun runTool(const QString& tool, const QStringList& args)
 inline QMap<QString, QByteArray> treeOf(const QString& dir)
 {
     QMap<QString, QByteArray> tree;
-    QDirIterator it(dir, QDir::Files, QDirIterator::Subdirectories);
-    while (it.hasNext()) {
+    for (QDirIterator it(dir, QDir::Files, QDirIterator::Subdirectories); it.hasNext();) {
         QString path = it.next();
         tree.insert(path.mid(dir.size() + 1), readFile(path));
     }
