@@ -1,102 +1,151 @@
-// Sizing and collecting a bucket's entry table, its allocation and its sort.
+// The sort order, group table and size record; a bucket's entry table from source and helper files.
 #include "indexer_fixture.h"
 
 namespace {
+
+TEST(IndexFormat, CompareOrdersByTheWrappedKeyDifference)
+{
+    const struct { uint32_t first, second; } cases[] = {{66049, 66051}, {0x80000001u, 0}, {0, 0x7FFFFFFFu}};
+    for (const auto& c : cases) {
+        QByteArray first = nxtest::makeRecord(c.first, 1), second = nxtest::makeRecord(c.second, 2);
+        EXPECT_LT(compare(first.constData(), second.constData()), 0) << c.first << " vs " << c.second;
+        EXPECT_GT(compare(second.constData(), first.constData()), 0) << c.first << " vs " << c.second;
+    }
+    EXPECT_EQ(compare(nxtest::makeRecord(7, 3).constData(), nxtest::makeRecord(7, 4).constData()), 0);
+}
+
+TEST(IndexFormat, GroupTableHoldsTheFirstPositionOfEachGroup)
+{
+    const uint8_t groups[] = {0x00, 0x00, 0x05, 0x05, 0x05, 0xff};
+    QByteArray table;
+    for (uint32_t i = 0; i < 6; ++i)
+        table += nxtest::makeRecord((uint32_t(groups[i]) << 16) | (0x0100 + i), i);
+    unsigned char keys[12], payloads[72], groupTable[512];
+    nxformat::splitSortedTable(reinterpret_cast<const unsigned char*>(table.constData()), 6, keys, payloads,
+                               groupTable);
+    for (int g = 0; g < 256; ++g)
+        EXPECT_EQ(nxformat::readLE16(groupTable + 2 * g), g == 0x00 ? 0 : g == 0x05 ? 2 : g == 0xff ? 5 : 0xFFFF) << g;
+}
+
+TEST(IndexFormat, SbfSizeRecordValue)
+{
+    EXPECT_EQ(nxformat::sbfSizeKey("wdx00"), "wdx00.sbf");
+    EXPECT_EQ(nxformat::sbfSizeValue(3540), "3540#NXI");
+    EXPECT_EQ(nxformat::parseSbfSizeValue("3540#NXI"), 3540);
+    EXPECT_EQ(nxformat::parseSbfSizeValue(nxformat::sbfSizeValue(-1)), -1);
+    for (const char* bad : {"3540", "#NXI", " 3540#NXI", "+3540#NXI", "35a0#NXI", "3540#nxi", "99999999999#NXI"})
+        EXPECT_EQ(nxformat::parseSbfSizeValue(bad), std::nullopt) << bad;
+}
+
 
 constexpr int kBucket = 7;
 
 class EntryTable : public IndexerTest
 {
 protected:
+    // The 1,184-byte example: 10 records, bucket starts 2, 2, 5, then 10.
+    static QByteArray example()
+    {
+        QVector<QByteArray> buckets(4);
+        for (uint32_t r = 0; r < 10; ++r)
+            buckets[r < 2 ? 0 : r < 5 ? 2 : 3] += nxtest::makeRecord(1000 + r, r);
+        return nxformat::buildSourceFile(buckets);
+    }
+    // GetIndexHighAndLow on file 0 as {low, high}, or {} when it failed.
+    std::vector<DWORD> range(int bucket)
+    {
+        DWORD low = 0, high = 0;
+        bool read = m_Indexer.GetIndexHighAndLow(sourcePath(0).toUtf8().data(), bucket, &low, &high);
+        return read ? std::vector<DWORD>{low, high} : std::vector<DWORD>{};
+    }
     // Source file n gets n + 1 records in kBucket, keys descending across files.
-    QByteArray writeSources(std::initializer_list<int> fileNumbers)
+    QByteArray writeSource(int n)
     {
-        QByteArray all;
-        for (int n : fileNumbers) {
-            QVector<QByteArray> buckets(256);
-            for (int r = 0; r <= n; ++r)
-                buckets[kBucket] += nxtest::makeRecord(uint32_t(0x07000000 - 16 * n + r), uint32_t(n * 10 + r));
-            writeSource(n, buckets);
-            all += buckets[kBucket];
-        }
-        return all;
+        QVector<QByteArray> buckets(256);
+        for (int r = 0; r <= n; ++r)
+            buckets[kBucket] += nxtest::makeRecord(uint32_t(0x07000000 - 16 * n + r), uint32_t(n * 10 + r));
+        nxtest::writeFile(sourcePath(n), nxformat::buildSourceFile(buckets));
+        return buckets[kBucket];
     }
-    DWORD sizingPass(int firstFile, int dbCount, int* lastFile)
+    DWORD pass(bool collect, int dbCount, int firstFile = 0, int* lastFile = nullptr)
     {
-        return m_Indexer.CalculateSizeOfIndex(kBucket, firstFile, false, lastFile, dbCount);
-    }
-    void collectingPass(int dbCount)
-    {
-        int lastFile = 0;
-        m_Indexer.CalculateSizeOfIndex(kBucket, 0, true, &lastFile, dbCount);
+        int last = 0;
+        return m_Indexer.CalculateSizeOfIndex(kBucket, firstFile, collect, lastFile ? lastFile : &last, dbCount);
     }
 };
 
-TEST_F(EntryTable, SizingVisitsFilesUpToDbCountMinusTwo)
+TEST_F(EntryTable, RangesOfTheWorkedExample)
 {
-    writeSources({0, 1, 2, 3, 4});
-    const struct { int firstFile, dbCount; DWORD size; int lastFile; } cases[] = {
-        {0, 5, 16 * (1 + 2 + 3 + 4), 3}, {2, 5, 16 * (3 + 4), 3}, {4, 5, 0, 3},
-        {6, 5, 0, 5}, {0, 1, 0, -1}, {0, 0, 0, -1}};
-    for (const auto& c : cases) {
-        int lastFile = 99;
-        EXPECT_EQ(sizingPass(c.firstFile, c.dbCount, &lastFile), c.size) << c.firstFile << "/" << c.dbCount;
-        EXPECT_EQ(lastFile, c.lastFile) << c.firstFile << "/" << c.dbCount;
-    }
-}
-
-TEST_F(EntryTable, CollectingPassCopiesRangesInFileOrder)
-{
-    QByteArray expected = writeSources({0, 1, 2, 3});
-    writeSources({4});
-    int lastFile = 0;
-    DWORD size = sizingPass(0, 5, &lastFile), allocSize = 0;
-    bool hasHelper = false;
-    ASSERT_TRUE(m_Indexer.AllocateIndexBuffer(kBucket, size, &hasHelper, &allocSize));
-    EXPECT_FALSE(hasHelper);
-    EXPECT_EQ(allocSize, size);
-    collectingPass(5);
-    EXPECT_EQ(tableBytes(int(size)), expected);
-    EXPECT_EQ(m_Indexer.m_EntryCursor, m_Indexer.m_EntryTable + size);
+    QByteArray file = example();
+    ASSERT_EQ(file.size(), 1184);
+    file.replace(0, 4, "\xff\xff\xff\xff");  // bucket 0 never reads bytes 0-3
+    // Records past the last start go to bucket 255, which ends with the last whole record.
+    nxtest::writeFile(sourcePath(0), file + nxtest::makeRecord(1, 1) + nxtest::makeRecord(2, 2) + "1234567");
+    const struct { int bucket; DWORD low, high; } cases[] = {
+        {0, 0, 2}, {1, 2, 2}, {2, 2, 5}, {3, 5, 10}, {254, 10, 10}, {255, 10, 12}};
+    for (const auto& c : cases)
+        EXPECT_EQ(range(c.bucket), (std::vector<DWORD>{c.low, c.high})) << "bucket " << c.bucket;
     EXPECT_TRUE(takeLog().isEmpty());
 }
 
-TEST_F(EntryTable, MissingOrCorruptFilesAreSkippedAndLogged)
+TEST_F(EntryTable, UnreadableRangesAreRefusedAndLogged)
 {
-    QByteArray kept = writeSources({0}) + writeSources({3});
-    writeSources({2});
-    QByteArray corrupt = nxtest::readFile(sourcePath(2));
-    corrupt.replace(4 * (kBucket + 1), 4, le32(99));
-    nxtest::writeFile(sourcePath(2), corrupt);
-    int lastFile = 0;
-    DWORD size = sizingPass(0, 5, &lastFile), allocSize = 0;
-    EXPECT_EQ(size, DWORD(kept.size()));
-    bool hasHelper = false;
-    ASSERT_TRUE(m_Indexer.AllocateIndexBuffer(kBucket, size, &hasHelper, &allocSize));
-    collectingPass(5);
-    EXPECT_EQ(tableBytes(int(size)), kept);
-    QString missing = errorLine("CalculateSizeOfIndex", "Yn File Not exist : " + sourcePath(1));
-    QString refused = errorLine("GetIndexHighAndLow", "Error: Corrupt bucket range in the following file- " +
-                                                          sourcePath(2) + " (bucket 07, low 0, high 99)");
-    EXPECT_EQ(takeLog(), (QStringList{missing, refused, missing, refused}));
+    const QString path = sourcePath(0), readFailed = "Error: ReadFile failed for the following file- " + path,
+                  corrupt = "Error: Corrupt bucket range in the following file- " + path + " (bucket ";
+    auto patched = [](int slot, const char* hex) { return example().replace(4 * slot, 4, QByteArray::fromHex(hex)); };
+    const struct { int bucket; QByteArray file; QString message; } cases[] = {
+        {0, example().left(7), readFailed}, {5, example().left(27), readFailed},  // too short for the slots
+        {254, example().left(1023), readFailed}, {255, example().left(1023), readFailed},
+        {3, patched(4, "04000000"), corrupt + "03, low 5, high 4)"},       // start of 4 below start of 3
+        {4, patched(5, "0b000000"), corrupt + "04, low 10, high 11)"},    // end past the 10 records
+        {255, patched(255, "f0ffffff"), corrupt + "ff, low 4294967280, high 10)"},
+        {1, QByteArray(), "Could not open following db file- " + path + " - code -> 2 "}};  // no file
+    for (const auto& c : cases) {
+        c.file.isEmpty() ? void(QFile::remove(path)) : nxtest::writeFile(path, c.file);
+        EXPECT_TRUE(range(c.bucket).empty()) << qPrintable(c.message);
+        EXPECT_EQ(takeLog(), errorLog("GetIndexHighAndLow", c.message));
+    }
 }
 
-TEST_F(EntryTable, PathLongerThanItsBufferIsSkipped)
+TEST_F(EntryTable, PassesVisitFilesUpToDbCountMinusTwoSkippingMissingAndCorrupt)
 {
-    m_Indexer.m_HostPath = host() + "/" + QString(490, 'x');  // 511 bytes would still fit
-    int lastFile = 0;
-    EXPECT_EQ(sizingPass(0, 2, &lastFile), 0u);
-    EXPECT_EQ(lastFile, 0);
-    EXPECT_EQ(takeLog(), QStringList{errorLine("CalculateSizeOfIndex", "Error: Path too long for the following yn "
-                                                                       "file- " + m_Indexer.m_HostPath +
-                                                                       "/idxnd/wdx000000.yn")});
+    QByteArray kept = writeSource(0) + writeSource(3);
+    writeSource(2);
+    writeSource(4);
+    nxtest::writeFile(sourcePath(2), nxtest::readFile(sourcePath(2)).replace(32, 4, QByteArray::fromHex("63000000")));
+    QStringList skipped = errorLog("CalculateSizeOfIndex", "Yn File Not exist : " + sourcePath(1)) +
+                          errorLog("GetIndexHighAndLow", "Error: Corrupt bucket range in the following file- " +
+                                                             sourcePath(2) + " (bucket 07, low 0, high 99)");
+    const struct { int firstFile, dbCount; DWORD size; int lastFile; } cases[] = {
+        {0, 5, 16 * (1 + 4), 3}, {3, 5, 16 * 4, 3}, {4, 5, 0, 3}, {6, 5, 0, 5}, {0, 1, 0, -1}, {0, 0, 0, -1}};
+    for (const auto& c : cases) {
+        int lastFile = 99;
+        EXPECT_EQ(pass(false, c.dbCount, c.firstFile, &lastFile), c.size) << c.firstFile << "/" << c.dbCount;
+        EXPECT_EQ(lastFile, c.lastFile) << c.firstFile << "/" << c.dbCount;
+        EXPECT_EQ(takeLog(), c.firstFile == 0 && c.dbCount == 5 ? skipped : QStringList());
+    }
+    ASSERT_EQ(allocate(kBucket, DWORD(kept.size())), DWORD(kept.size()));
+    pass(true, 5);
+    EXPECT_EQ(tableBytes(kept.size()), kept);
+    EXPECT_EQ(m_Indexer.m_EntryCursor, m_Indexer.m_EntryTable + kept.size());
+    EXPECT_EQ(takeLog(), skipped);
+
+    // File 3 grew since the sizing pass: nothing is copied past the table.
+    nxtest::writeFile(sourcePath(3), nxtest::readFile(sourcePath(4)));
+    allocate(kBucket, DWORD(kept.size()));
+    pass(true, 5);
+    EXPECT_TRUE(m_Indexer.m_EntryTableOverflow);
+    EXPECT_EQ(tableBytes(kept.size()), kept.left(16) + QByteArray(64, '\0'));
+    QString tooSmall = "Error: Entry table too small for the following file(read buffer) - " + sourcePath(3);
+    EXPECT_EQ(takeLog(), skipped + errorLog("ReadIndexBuffer", tooSmall + " (80 bytes, room for 64)"));
+    allocate(kBucket, 16);
+    EXPECT_FALSE(m_Indexer.m_EntryTableOverflow);
 }
 
 TEST_F(EntryTable, OversizedBucketIsRefusedBeforeAllocation)
 {
     const struct { DWORD size; int helperBytes; bool accepted; } cases[] = {
-        {65535 * 16, 0, true}, {65535 * 16 - 15, 15 + 15, true},
-        {65535 * 16, 16, false}, {0xFFFFFFFFu, 0, false}};
+        {65535 * 16, 0, true}, {65535 * 16 - 15, 15 + 15, true}, {65535 * 16, 16, false}, {0xFFFFFFFFu, 0, false}};
     for (const auto& c : cases) {
         nxtest::writeFile(helperPath(kBucket), QByteArray(c.helperBytes, '\x01'));
         bool hasHelper = false;
@@ -104,57 +153,38 @@ TEST_F(EntryTable, OversizedBucketIsRefusedBeforeAllocation)
         EXPECT_EQ(m_Indexer.AllocateIndexBuffer(kBucket, c.size, &hasHelper, &allocSize), c.accepted) << c.size;
         EXPECT_EQ(m_Indexer.m_EntryTable != nullptr, c.accepted);
         EXPECT_EQ(allocSize, c.accepted ? c.size + DWORD(c.helperBytes) : 0);
-        QStringList refused{errorLine("AllocateIndexBuffer", QString("Error: Bucket 07 too large to index - %1 "
-                                                                      "bytes, more than 65535 records")
-                                                                  .arg(quint64(c.size) + c.helperBytes))};
-        EXPECT_EQ(takeLog(), c.accepted ? QStringList() : refused);
+        QString refused = QString("Error: Bucket 07 too large to index - %1 bytes, more than 65535 records")
+                              .arg(quint64(c.size) + c.helperBytes);
+        EXPECT_EQ(takeLog(), c.accepted ? QStringList() : errorLog("AllocateIndexBuffer", refused));
         m_Indexer.ReleaseIndexBuffer();
     }
 }
 
-TEST_F(EntryTable, RangeThatGrewBetweenThePassesIsNotCopied)
+TEST_F(EntryTable, HelperIsLoadedAtTheHeadUnlessItChangedSinceSizing)
 {
-    QByteArray first = writeSources({0});
-    writeSources({1});
-    int lastFile = 0;
-    DWORD size = sizingPass(0, 3, &lastFile), allocSize = 0;
-    bool hasHelper = false;
-    ASSERT_TRUE(m_Indexer.AllocateIndexBuffer(kBucket, size, &hasHelper, &allocSize));
-    QVector<QByteArray> grown(256);
-    grown[kBucket] = nxtest::makeRecord(1, 1) + nxtest::makeRecord(2, 2) + nxtest::makeRecord(3, 3);
-    writeSource(1, grown);
-    collectingPass(3);
-    EXPECT_TRUE(m_Indexer.m_EntryTableOverflow);
-    EXPECT_EQ(tableBytes(int(size)), first + QByteArray(32, '\0'));
-    EXPECT_EQ(takeLog(), QStringList{errorLine("ReadIndexBuffer",
-                                               "Error: Entry table too small for the following file(read buffer) - " +
-                                                   sourcePath(1) + " (48 bytes, room for 32)")});
-    bool again = false;
-    ASSERT_TRUE(m_Indexer.AllocateIndexBuffer(kBucket, size, &again, &allocSize));
-    EXPECT_FALSE(m_Indexer.m_EntryTableOverflow);
-}
-
-TEST_F(EntryTable, SortFollowsCompare)
-{
-    // Narrow spans sort ascending; trailing bytes of a part record stay put.
-    QByteArray narrow;
-    for (uint32_t key : {0x07000503u, 0x07000001u, 0x07ff0000u, 0x07000002u, 0x07050000u})
-        narrow += nxtest::makeRecord(key, key);
-    loadTable(kBucket, narrow + "tail");
-    m_Indexer.SortEntryTable(DWORD(narrow.size()) + 4);
-    QByteArray sorted = tableBytes(narrow.size() + 4);
-    for (int i = 0; i + 1 < 5; ++i)
-        EXPECT_LT(nxformat::recordKey(reinterpret_cast<const unsigned char*>(sorted.constData()) + 16 * i),
-                  nxformat::recordKey(reinterpret_cast<const unsigned char*>(sorted.constData()) + 16 * (i + 1)));
-    EXPECT_TRUE(sorted.endsWith("tail"));
-    EXPECT_EQ(sorted.left(16), nxtest::makeRecord(0x07000001u, 0x07000001u));
-
-    // Keys 2^31 or more apart: the order compare() gives, 2^31 + 1 before 0.
-    QByteArray wide = nxtest::makeRecord(0, 0) + nxtest::makeRecord(0x80000001u, 1);
-    m_Indexer.ReleaseIndexBuffer();
-    loadTable(kBucket, wide);
-    m_Indexer.SortEntryTable(32);
-    EXPECT_EQ(tableBytes(32), wide.mid(16) + wide.left(16));
+    const QString path = helperPath(0x0a), tooSmall = "Error: Entry table too small for the following file(helper "
+                                                      "buffer) - " + path + " (64 bytes, room for 48)";
+    const QByteArray letters = QByteArray("abcdefghijklmnopqrstuvwxyz").repeated(3);
+    // Its size when sized and when read; -1: gone by then; -2: a directory,
+    // which opens and measures but yields no bytes.
+    const struct { int sized, read; QStringList log; } cases[] = {
+        {48, 48, {}}, {50, 50, {}}, {0, 0, {}}, {32, -1, {}}, {32, 64, errorLog("ReadHelperFile", tooSmall)},
+        {-2, -2, errorLog("ReadHelperFile", "ReadFile failed for the following file(helper buffer) - " + path)}};
+    for (const auto& c : cases) {
+        QFile::remove(path);
+        c.sized == -2 ? void(QDir().mkpath(path)) : nxtest::writeFile(path, letters.left(c.sized));
+        bool hasHelper = false, loaded = c.sized == c.read && c.sized > 0;
+        DWORD allocSize = allocate(0x0a, 16, &hasHelper);
+        EXPECT_TRUE(c.sized == -2 || allocSize == DWORD(16 + c.sized)) << allocSize;
+        EXPECT_EQ(hasHelper, c.sized != 0);
+        if (c.read != c.sized)
+            c.read < 0 ? void(QFile::remove(path)) : nxtest::writeFile(path, letters.left(c.read));
+        EXPECT_EQ(m_Indexer.ReadHelperFile(0x0a), loaded) << c.sized << " then " << c.read;
+        EXPECT_EQ(m_Indexer.m_EntryCursor - m_Indexer.m_EntryTable, loaded ? 48 : 0);
+        EXPECT_EQ(tableBytes(loaded ? c.sized : 16), loaded ? letters.left(c.sized) : QByteArray(16, '\0'));
+        EXPECT_EQ(m_Indexer.m_EntryTableOverflow, c.read == 64);
+        EXPECT_EQ(takeLog(), c.log);
+    }
 }
 
 } // namespace
