@@ -62,19 +62,19 @@ void nxi::StartLoop()
 
     for (int t = 0; t < typeCount; ++t) {
         NXI_TRACE("In get DB type");
-        WalkDbType(dbTypes[t]);
+        WalkDbType(dbTypes[t], NXI_OPERATION);
     }
 }
 
-void nxi::WalkDbType(const char* dbType)
+void nxi::WalkDbType(const char* dbType, const char* reportAs)
 {
     for (int volume = 0;; ++volume) {
         char dbName[kDbNameSize] = {};
         const int length = std::snprintf(dbName, sizeof dbName, "%s%02d", dbType, volume);
         if (length < 0 || length >= kDbNameSize) {
             // A three-letter type leaves room for volumes up to 999,999.
-            NXI_ERROR("Error:Volume number %d does not fit a database name of type %s - walk ends", volume,
-                      dbType);
+            NXI_ERROR_AS(reportAs, "Error:Volume number %d does not fit a database name of type %s - walk ends",
+                         volume, dbType);
             return;
         }
         if (IsToStopIndexing(dbName))

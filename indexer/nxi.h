@@ -88,17 +88,19 @@ public:
     bool m_EntryTableOverflow;
 
 private:
-    // Walks the volumes of one DB type until the first missing one.
-    void WalkDbType(const char* dbType);
-    // Steps of one database's run.
-    bool CreateStatusFile();
-    bool PrepareDirectories();
-    void IndexBucket(int bucket, int lastMergedFile, int dbCount);
-    void CompleteStatusFile();
+    // Private steps of the public operations. Each reports under the name of
+    // the operation it is a step of, passed in as reportAs (see nxilog.h).
 
-    // Moves the bucket's pending files into place; reports as function (the
-    // writer whose last step it is).
-    bool RotateIndexFiles(int bucket, const char* function);
+    // StartLoop: walks the volumes of one DB type until the first missing one.
+    void WalkDbType(const char* dbType, const char* reportAs);
+    // StartIndexer: the steps of one database's run.
+    bool CreateStatusFile(const char* reportAs);
+    bool PrepareDirectories(const char* reportAs);
+    void IndexBucket(int bucket, int lastMergedFile, int dbCount, const char* reportAs);
+    void CompleteStatusFile(const char* reportAs);
+
+    // WriteAllIndexing: moves the bucket's pending files into place.
+    bool RotateIndexFiles(int bucket, const char* reportAs);
 };
 
 // Sort comparison of two 16-byte entry records for qsort: the key difference

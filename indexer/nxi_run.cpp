@@ -41,9 +41,9 @@ void nxi::StartIndexer(char* dbName)
 
     // Without a status file whose head is in place, blocks appended later
     // would end up where the head belongs: the run ends instead.
-    if (!CreateStatusFile())
+    if (!CreateStatusFile(NXI_OPERATION))
         return;
-    if (!PrepareDirectories())
+    if (!PrepareDirectories(NXI_OPERATION))
         return;
 
     m_FullIndexing = false;
@@ -64,59 +64,63 @@ void nxi::StartIndexer(char* dbName)
 
     for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket) {
         QThread::msleep(kBucketPauseMs);
-        IndexBucket(bucket, lastMerged[bucket], dbCount);
+        IndexBucket(bucket, lastMerged[bucket], dbCount, NXI_OPERATION);
     }
-    CompleteStatusFile();
+    CompleteStatusFile(NXI_OPERATION);
 }
 
-bool nxi::CreateStatusFile()
+bool nxi::CreateStatusFile(const char* reportAs)
 {
     const QByteArray path = m_SbfTmpPath.toUtf8();
     FILE* file = std::fopen(path.constData(), "wb+");
     if (!file) {
-        NXI_ERROR("Error:Could not open following file for writing- %s", path.constData());
+        NXI_ERROR_AS(reportAs, "Error:Could not open following file for writing- %s", path.constData());
         return false;
     }
     unsigned char head[nxformat::kStatusHeadSize] = {};
     encodeStatusHead(m_SbfOffsets, head);
-    const bool written = std::fwrite(head, sizeof head, 1, file) == 1;
-    if (!written)
-        NXI_ERROR("Error:fwrite failed for the following file- %s", path.constData());
-    if (std::fclose(file) != 0 || !written) {
+    // A full disk often shows only at the close, when the buffered head
+    // reaches the file: that is the same failed write.
+    bool written = std::fwrite(head, sizeof head, 1, file) == 1;
+    written = std::fclose(file) == 0 && written;
+    if (!written) {
+        NXI_ERROR_AS(reportAs, "Error:fwrite failed for the following file- %s", path.constData());
         DeleteFile(m_SbfTmpPath);
         return false;
     }
     return true;
 }
 
-bool nxi::PrepareDirectories()
+bool nxi::PrepareDirectories(const char* reportAs)
 {
     m_HlPath = QString::asprintf("%s/hl/", m_HostPath.toUtf8().constData());
     ensureDirectory(m_HlPath);  // a missing helper root shows below, at the database's helper directory
 
     m_IdxnDbPath = QString::asprintf("%s/idxn/", m_HostPath.toUtf8().constData());
     if (!ensureDirectory(m_IdxnDbPath)) {
-        NXI_ERROR("Error: Could not create idxn directory in txhost - %s", m_IdxnDbPath.toUtf8().constData());
+        NXI_ERROR_AS(reportAs, "Error: Could not create idxn directory in txhost - %s",
+                     m_IdxnDbPath.toUtf8().constData());
         return false;
     }
     m_IdxnDbPath += m_DbName;
     if (!ensureDirectory(m_IdxnDbPath)) {
-        NXI_ERROR("Error: Could not create idxn db directory in txhost - %s", m_IdxnDbPath.toUtf8().constData());
+        NXI_ERROR_AS(reportAs, "Error: Could not create idxn db directory in txhost - %s",
+                     m_IdxnDbPath.toUtf8().constData());
         return false;
     }
     m_HlDbPath = m_HlPath + m_DbName;
     if (!ensureDirectory(m_HlDbPath)) {
-        NXI_ERROR("Error: Could not create idx directory in Talvex root path!");
+        NXI_ERROR_AS(reportAs, "Error: Could not create idx directory in Talvex root path!");
         return false;
     }
     m_HlIniPath = QString::asprintf("%s/%shl.ini", m_HlDbPath.toUtf8().constData(), m_DbName);
     if (!ensureDirectory(m_HlDbPath)) {
-        NXI_ERROR("Could not create helper directory in hl path!");
+        NXI_ERROR_AS(reportAs, "Could not create helper directory in hl path!");
         return false;
     }
     m_HlpPath = QString::asprintf("%s/hlp", m_HlDbPath.toUtf8().constData());
     if (!ensureDirectory(m_HlpPath)) {
-        NXI_ERROR("Could not create helper directory in Talvex application data path!");
+        NXI_ERROR_AS(reportAs, "Could not create helper directory in Talvex application data path!");
         return false;
     }
     return true;
@@ -125,11 +129,11 @@ bool nxi::PrepareDirectories()
 // Merges one bucket's new records with its helper file, writes its index
 // files and records how far it got. A bucket that fails keeps its old mark,
 // so the same source files are taken again next time.
-void nxi::IndexBucket(int bucket, int lastMergedFile, int dbCount)
+void nxi::IndexBucket(int bucket, int lastMergedFile, int dbCount, const char* reportAs)
 {
     char bucketName[50] = {};
     std::snprintf(bucketName, sizeof bucketName, "%02x", bucket);
-    NXI_TRACE(bucketName);
+    NXI_TRACE_AS(reportAs, bucketName);
 
     const int firstFile = lastMergedFile + 1;
     int lastFile = 0;
@@ -159,12 +163,12 @@ void nxi::IndexBucket(int bucket, int lastMergedFile, int dbCount)
         Updateini(bucket, lastMergedFile);
 }
 
-void nxi::CompleteStatusFile()
+void nxi::CompleteStatusFile(const char* reportAs)
 {
     const QByteArray path = m_SbfTmpPath.toUtf8();
     FILE* file = std::fopen(path.constData(), "rb+");
     if (!file) {
-        NXI_ERROR("Error:Could not open following file for writing - %s", path.constData());
+        NXI_ERROR_AS(reportAs, "Error:Could not open following file for writing - %s", path.constData());
         DeleteFile(m_SbfTmpPath);
         return;
     }
@@ -178,7 +182,7 @@ void nxi::CompleteStatusFile()
     encodeStatusHead(m_SbfOffsets, head);
     const bool written = std::fwrite(head, sizeof head, 1, file) == 1;
     if (std::fclose(file) != 0 || !written)
-        NXI_ERROR("Error:fwrite failed for the following file- %s", path.constData());
+        NXI_ERROR_AS(reportAs, "Error:fwrite failed for the following file- %s", path.constData());
 
     if (size <= nxformat::kStatusHeadSize) {
         DeleteFile(m_SbfTmpPath);  // no bucket written: the previous status file stays
@@ -188,5 +192,5 @@ void nxi::CompleteStatusFile()
                                            nxformat::sbfSizeValue(int(size)),
                                            nxformat::sbfSizeRecordPath(m_HostPath));
     if (!m_CommonFun->MoveFile(m_SbfTmpPath, m_SbfPath))
-        NXI_ERROR("Error:MoveFileEx failed for the following file- %s", path.constData());
+        NXI_ERROR_AS(reportAs, "Error:MoveFileEx failed for the following file- %s", path.constData());
 }

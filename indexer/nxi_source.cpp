@@ -106,7 +106,8 @@ bool nxi::ReadIndexBuffer(char* path, DWORD offset, DWORD length)
     if (fseek(file, long(offset), SEEK_SET) != 0) {
         int err = errno;
         NXI_ERROR("Error: SetFilePointer failed for following file(read buffer) -> %d ", err);
-        LOGGER::CLogger::getInstance()->Error(__PRETTY_FUNCTION__, err, "%s", path);  // the path as plain text
+        errno = err;
+        NXI_ERROR("%s", path);  // the path as plain text
         fclose(file);
         return false;
     }

@@ -15,7 +15,6 @@
 #include <cstring>
 #include <memory>
 
-using LOGGER::CLogger;
 using nxformat::Generation;
 using nxformat::IndexFile;
 
@@ -66,10 +65,9 @@ QString indexFilePath(const nxi& owner, IndexFile file, Generation generation, i
     return owner.m_IdxnDbPath + "/" + name;
 }
 
-void logFwriteFailed(const char* function, const QByteArray& path)
+void logFwriteFailed(const char* reportAs, const QByteArray& path)
 {
-    int err = errno;
-    CLogger::getInstance()->Error(function, err, "Error:fwrite failed for the following file- %s", path.constData());
+    NXI_ERROR_AS(reportAs, "Error:fwrite failed for the following file- %s", path.constData());
 }
 
 // The bucket's lists, converted from its sorted table.
@@ -81,7 +79,7 @@ struct BucketLists {
 };
 
 // Writes the key, payload and entry files under their pending names.
-bool writePendingFiles(const nxi& owner, int bucket, const BucketLists& lists, const char* function)
+bool writePendingFiles(const nxi& owner, int bucket, const BucketLists& lists, const char* reportAs)
 {
     struct PendingFile {
         IndexFile file;
@@ -97,12 +95,11 @@ bool writePendingFiles(const nxi& owner, int bucket, const BucketLists& lists, c
         QByteArray path = indexFilePath(owner, pending.file, Generation::Pending, bucket).toUtf8();
         FILE* file = fopen(path.constData(), "wb+");
         if (!file) {
-            int err = errno;
-            CLogger::getInstance()->Error(function, err, pending.openFailedMessage, path.constData());
+            NXI_ERROR_AS(reportAs, pending.openFailedMessage, path.constData());
             return false;
         }
         if (!writeChunksAndClose(file, pending.chunks)) {
-            logFwriteFailed(function, path);
+            logFwriteFailed(reportAs, path);
             return false;
         }
     }
@@ -111,20 +108,21 @@ bool writePendingFiles(const nxi& owner, int bucket, const BucketLists& lists, c
 
 // Appends the bucket block (count, group table, key list) to the status file
 // and records its offset in the bucket's slot; a short append is cut off again.
-bool appendBucketBlock(nxi& owner, int bucket, DWORD count, const BucketLists& lists, const char* function)
+bool appendBucketBlock(nxi& owner, int bucket, DWORD count, const BucketLists& lists, const char* reportAs)
 {
     QByteArray statusPath = owner.m_SbfTmpPath.toUtf8();
     FILE* status = fopen(statusPath.constData(), "ab+");
     if (!status) {
-        int err = errno;
-        CLogger::getInstance()->Error(function, err, "Could not open following file for writing- code -> %d ", err);
-        CLogger::getInstance()->Error(function, err, "%s", statusPath.constData());
+        const int err = errno;
+        NXI_ERROR_AS(reportAs, "Could not open following file for writing- code -> %d ", err);
+        errno = err;
+        NXI_ERROR_AS(reportAs, "%s", statusPath.constData());  // the path as plain text
         return false;
     }
     long blockOffset = fseek(status, 0, SEEK_END) == 0 ? ftell(status) : -1;
     if (blockOffset < 0 || uint64_t(blockOffset) > UINT32_MAX) {
         fclose(status);
-        logFwriteFailed(function, statusPath);
+        logFwriteFailed(reportAs, statusPath);
         return false;
     }
     unsigned char countBytes[nxformat::kBlockCountSize];
@@ -134,7 +132,7 @@ bool appendBucketBlock(nxi& owner, int bucket, DWORD count, const BucketLists& l
     if (!writeChunksAndClose(status, block)) {
         QFile::resize(owner.m_SbfTmpPath, blockOffset);
         owner.m_SbfOffsets[bucket] = 0;
-        logFwriteFailed(function, statusPath);
+        logFwriteFailed(reportAs, statusPath);
         return false;
     }
     return true;
@@ -177,14 +175,14 @@ bool nxi::WriteAllIndexing(int bucket, DWORD size)
 
     // The pending files are complete before the block is appended, so that a
     // bucket that fails leaves no partial block behind and its slot stays 0.
-    if (!writePendingFiles(*this, bucket, lists, __PRETTY_FUNCTION__))
+    if (!writePendingFiles(*this, bucket, lists, NXI_OPERATION))
         return false;
-    if (!appendBucketBlock(*this, bucket, count, lists, __PRETTY_FUNCTION__))
+    if (!appendBucketBlock(*this, bucket, count, lists, NXI_OPERATION))
         return false;
-    return RotateIndexFiles(bucket, __PRETTY_FUNCTION__);
+    return RotateIndexFiles(bucket, NXI_OPERATION);
 }
 
-bool nxi::RotateIndexFiles(int bucket, const char* function)
+bool nxi::RotateIndexFiles(int bucket, const char* reportAs)
 {
     // Key file first, then payload file, then entry file. Each current file
     // waits under its previous name until all three moves have succeeded; a
@@ -195,9 +193,7 @@ bool nxi::RotateIndexFiles(int bucket, const char* function)
         QString pending = indexFilePath(*this, files[moving], Generation::Pending, bucket);
         m_CommonFun->MoveFile(current, indexFilePath(*this, files[moving], Generation::Previous, bucket));
         if (!m_CommonFun->MoveFile(pending, current)) {
-            int err = errno;
-            CLogger::getInstance()->Error(function, err, "Error:MoveFileEx failed for the following file- %s",
-                                          pending.toUtf8().constData());
+            NXI_ERROR_AS(reportAs, "Error:MoveFileEx failed for the following file- %s", pending.toUtf8().constData());
             for (int moved = 0; moved < moving; ++moved)
                 m_CommonFun->MoveFile(indexFilePath(*this, files[moved], Generation::Previous, bucket),
                                       indexFilePath(*this, files[moved], Generation::Current, bucket));

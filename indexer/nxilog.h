@@ -2,20 +2,31 @@
 #define NXI_NXILOG_H
 
 // Reporting shorthands for the indexer's operations. Every report names the
-// reporting operation by its full signature (the logger reduces it to
-// "Class::Method"); an Error also carries errno, read before the logger is
-// fetched so that nothing in between can change it.
+// operation it belongs to by that operation's full signature (the logger
+// reduces it to "Class::Method"); an Error also carries errno, read before the
+// logger is fetched so that nothing in between can change it.
+//
+// The name in the log is part of the output: a private helper that does a
+// step of an operation reports under the operation's name, never its own.
+// Such a helper takes the operation's signature as a `const char* reportAs`
+// parameter (the operation passes NXI_OPERATION) and reports with the _AS forms.
 
 #include "Logger.h"
 
 #include <cerrno>
 
-#define NXI_ERROR(...)                                                                      \
-    do {                                                                                    \
-        const int nxiSavedErrno = errno;                                                    \
-        LOGGER::CLogger::getInstance()->Error(__PRETTY_FUNCTION__, nxiSavedErrno, __VA_ARGS__); \
+// The signature of the enclosing operation, for handing to its helpers.
+#define NXI_OPERATION __PRETTY_FUNCTION__
+
+#define NXI_ERROR_AS(reportAs, ...)                                                   \
+    do {                                                                              \
+        const int nxiSavedErrno = errno;                                              \
+        LOGGER::CLogger::getInstance()->Error((reportAs), nxiSavedErrno, __VA_ARGS__); \
     } while (0)
 
-#define NXI_TRACE(...) LOGGER::CLogger::getInstance()->Trace(__PRETTY_FUNCTION__, __VA_ARGS__)
+#define NXI_TRACE_AS(reportAs, ...) LOGGER::CLogger::getInstance()->Trace((reportAs), __VA_ARGS__)
+
+#define NXI_ERROR(...) NXI_ERROR_AS(NXI_OPERATION, __VA_ARGS__)
+#define NXI_TRACE(...) NXI_TRACE_AS(NXI_OPERATION, __VA_ARGS__)
 
 #endif
