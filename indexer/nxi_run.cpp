@@ -1,6 +1,7 @@
 // One database's run: directories, the status file under construction, the
 // paced loop over the 256 buckets, and the completion of the status file.
 #include "commonfun.h"
+#include "fileio.h"
 #include "indexformat.h"
 #include "nxi.h"
 #include "nxilog.h"
@@ -72,7 +73,7 @@ void nxi::StartIndexer(char* dbName)
 bool nxi::CreateStatusFile(const char* reportAs)
 {
     const QByteArray path = m_SbfTmpPath.toUtf8();
-    FILE* file = std::fopen(path.constData(), "wb+");
+    FILE* file = fileio::openFile(path.constData(), "wb+");
     if (!file) {
         NXI_ERROR_AS(reportAs, "Error:Could not open following file for writing- %s", path.constData());
         return false;
@@ -166,7 +167,7 @@ void nxi::IndexBucket(int bucket, int lastMergedFile, int dbCount, const char* r
 void nxi::CompleteStatusFile(const char* reportAs)
 {
     const QByteArray path = m_SbfTmpPath.toUtf8();
-    FILE* file = std::fopen(path.constData(), "rb+");
+    FILE* file = fileio::openFile(path.constData(), "rb+");
     if (!file) {
         NXI_ERROR_AS(reportAs, "Error:Could not open following file for writing - %s", path.constData());
         DeleteFile(m_SbfTmpPath);
@@ -177,20 +178,25 @@ void nxi::CompleteStatusFile(const char* reportAs)
     std::fseek(file, 0, SEEK_SET);
 
     // The head's offsets are written last: until now a reader could not have
-    // told a block from a half-written one.
+    // told a block from a half-written one. The whole file, blocks and head,
+    // is on disk before the rename below installs it.
     unsigned char head[nxformat::kStatusHeadSize];
     encodeStatusHead(m_SbfOffsets, head);
-    const bool written = std::fwrite(head, sizeof head, 1, file) == 1;
-    if (std::fclose(file) != 0 || !written)
+    bool written = std::fwrite(head, sizeof head, 1, file) == 1 && fileio::syncFile(file);
+    written = std::fclose(file) == 0 && written;
+    if (!written)
         NXI_ERROR_AS(reportAs, "Error:fwrite failed for the following file- %s", path.constData());
 
     if (size <= nxformat::kStatusHeadSize) {
         DeleteFile(m_SbfTmpPath);  // no bucket written: the previous status file stays
         return;
     }
-    m_CommonFun->WritePrivateProfileString(nxformat::kSbfSizeSection, nxformat::sbfSizeKey(m_DbName),
-                                           nxformat::sbfSizeValue(int(size)),
-                                           nxformat::sbfSizeRecordPath(m_HostPath));
+    const QString sizeRecord = nxformat::sbfSizeRecordPath(m_HostPath);
+    if (!m_CommonFun->WritePrivateProfileString(nxformat::kSbfSizeSection, nxformat::sbfSizeKey(m_DbName),
+                                                nxformat::sbfSizeValue(int(size)), sizeRecord))
+        NXI_ERROR_AS(reportAs, kIniWriteFailed, sizeRecord.toUtf8().constData());
     if (!m_CommonFun->MoveFile(m_SbfTmpPath, m_SbfPath))
         NXI_ERROR_AS(reportAs, "Error:MoveFileEx failed for the following file- %s", path.constData());
+    else if (!fileio::syncDirectory(m_HostPath))
+        NXI_ERROR_AS(reportAs, kDirectorySyncFailed, m_HostPath.toUtf8().constData());
 }

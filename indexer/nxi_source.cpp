@@ -3,6 +3,7 @@
 #include "nxi.h"
 
 #include "commonfun.h"
+#include "fileio.h"
 #include "indexformat.h"
 #include "nxilog.h"
 
@@ -43,7 +44,7 @@ SlotRead readBucketStartSlots(FILE* file, int bucket, DWORD* range)
 
 bool nxi::GetIndexHighAndLow(char* path, int bucket, DWORD* low, DWORD* high)
 {
-    FILE* file = fopen(path, "rb");
+    FILE* file = fileio::openFile(path, "rb");
     if (!file) {
         int err = errno;
         NXI_ERROR("Could not open following db file- %s - code -> %d ", path, err);
@@ -97,7 +98,7 @@ bool nxi::ReadIndexBuffer(char* path, DWORD offset, DWORD length)
         return false;
     }
 
-    FILE* file = fopen(path, "rb");
+    FILE* file = fileio::openFile(path, "rb");
     if (!file) {
         int err = errno;
         NXI_ERROR("Could not open following db file: %s - code -> %d ", path, err);

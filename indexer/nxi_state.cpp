@@ -1,8 +1,10 @@
 // The state files that tell a run what to index: the next volume's presence,
 // the source file count, the DB-COUNT files and the helper progress file.
 #include "commonfun.h"
+#include "fileio.h"
 #include "indexformat.h"
 #include "nxi.h"
+#include "nxilog.h"
 
 #include <QByteArray>
 
@@ -26,24 +28,8 @@ int progressValue(const char* equals)
     return int(std::clamp<long>(value, -1, INT_MAX - 1));
 }
 
-// The whole file as NUL-terminated text; empty when it cannot be read.
-QByteArray readWholeFile(const QString& path)
-{
-    FILE* file = std::fopen(path.toUtf8().constData(), "rb");
-    if (!file)
-        return QByteArray();
-    QByteArray text;
-    if (std::fseek(file, 0, SEEK_END) == 0) {
-        const long size = std::ftell(file);
-        if (size > 0 && size < INT_MAX && std::fseek(file, 0, SEEK_SET) == 0) {
-            text.resize(int(size));
-            if (std::fread(text.data(), 1, size_t(size), file) != size_t(size))
-                text.clear();
-        }
-    }
-    std::fclose(file);
-    return text;
-}
+// A progress file of 256 lines is a few KB; anything far larger is damaged.
+constexpr qint64 kMaxProgressFileSize = 1 << 20;
 
 } // namespace
 
@@ -83,6 +69,8 @@ int nxi::GetDBCount()
 int nxi::GetValDBCount()
 {
     m_ValIniPath = nxformat::dbCountFilePath(m_HostPath, m_DbName);
+    if (fileio::isSpecialEntry(m_ValIniPath))
+        NXI_ERROR(kSpecialEntryRefused, m_ValIniPath.toUtf8().constData());  // and read as absent
     const QString key = QString::fromUtf8(m_DbName).toUpper();
     return m_CommonFun->GetPrivateProfileInt(nxformat::kDbCountSection, key, 0, m_ValIniPath);
 }
@@ -94,7 +82,12 @@ void nxi::getHlpINIData(int* marks, QString path)
 {
     if (!m_CommonFun->PathFileExists(path))
         return;
-    QByteArray text = readWholeFile(path);
+    std::optional<QByteArray> read = fileio::readAll(path, kMaxProgressFileSize);
+    if (!read) {
+        NXI_ERROR(kReadFailed, path.toUtf8().constData());  // every bucket starts over from file 0
+        return;
+    }
+    QByteArray text = *read;  // QByteArray keeps a NUL after its last byte
     if (text.isEmpty())
         return;
 
@@ -127,6 +120,7 @@ void nxi::getHlpINIData(int* marks, QString path)
 
 void nxi::Updateini(int bucket, int mark)
 {
-    m_CommonFun->WritePrivateProfileString(nxformat::kHelperProgressSection, QString::asprintf("%02x", bucket),
-                                           QString::asprintf("%02d", mark), m_HlIniPath);
+    if (!m_CommonFun->WritePrivateProfileString(nxformat::kHelperProgressSection, QString::asprintf("%02x", bucket),
+                                                QString::asprintf("%02d", mark), m_HlIniPath))
+        NXI_ERROR(kIniWriteFailed, m_HlIniPath.toUtf8().constData());
 }

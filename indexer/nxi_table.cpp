@@ -3,6 +3,7 @@
 #include "nxi.h"
 
 #include "commonfun.h"
+#include "fileio.h"
 #include "indexformat.h"
 #include "nxilog.h"
 
@@ -64,7 +65,11 @@ bool nxi::AllocateIndexBuffer(int bucket, DWORD size, bool* hasHelper, DWORD* al
 
     uint64_t total = size;
     QString helperPath = nxformat::helperFilePath(m_HostPath, QString::fromUtf8(m_DbName), bucket);
-    if (m_CommonFun->PathFileExists(helperPath)) {
+    if (fileio::isSpecialEntry(helperPath)) {
+        // A link or a directory is not a helper file: its target's bytes must
+        // never end up in the index.
+        NXI_ERROR(kSpecialEntryRefused, helperPath.toUtf8().constData());
+    } else if (m_CommonFun->PathFileExists(helperPath)) {
         DWORD helperSize = DWORD(m_CommonFun->GetFileSize(helperPath));
         if (helperSize != 0) {
             total += helperSize;
@@ -94,7 +99,7 @@ bool nxi::ReadHelperFile(int bucket)
     QByteArray path = name.toUtf8();
     if (!m_CommonFun->PathFileExists(name))
         return false;
-    FILE* file = fopen(path.constData(), "rb");
+    FILE* file = fileio::openFile(path.constData(), "rb");
     if (!file) {
         NXI_ERROR("Error:Unable to get file size! - %s", path.constData());
         return false;

@@ -4,6 +4,7 @@
 #include "nxi.h"
 
 #include "commonfun.h"
+#include "fileio.h"
 #include "indexformat.h"
 #include "nxilog.h"
 
@@ -14,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <unistd.h>
 
 using nxformat::Generation;
 using nxformat::IndexFile;
@@ -42,17 +44,15 @@ struct Chunk {
     size_t size;
 };
 
-// Writes the chunks in order, each as one item, and closes the file; false
-// after a short write or a failed close.
+// Writes the chunks in order, each as one item, and flushes them; false
+// after a short write.
 template <size_t N>
-bool writeChunksAndClose(FILE* file, const Chunk (&chunks)[N])
+bool writeChunks(FILE* file, const Chunk (&chunks)[N])
 {
-    bool complete = true;
     for (const Chunk& chunk : chunks)
-        if (complete && chunk.size > 0)
-            complete = fwrite(chunk.data, chunk.size, 1, file) == 1;
-    bool closed = fclose(file) == 0;
-    return complete && closed;
+        if (chunk.size > 0 && fwrite(chunk.data, chunk.size, 1, file) != 1)
+            return false;
+    return fflush(file) == 0;
 }
 
 QString indexFilePath(const nxi& owner, IndexFile file, Generation generation, int bucket)
@@ -93,12 +93,15 @@ bool writePendingFiles(const nxi& owner, int bucket, const BucketLists& lists, c
     };
     for (const PendingFile& pending : pendingFiles) {
         QByteArray path = indexFilePath(owner, pending.file, Generation::Pending, bucket).toUtf8();
-        FILE* file = fopen(path.constData(), "wb+");
+        FILE* file = fileio::openFile(path.constData(), "wb+");
         if (!file) {
             NXI_ERROR_AS(reportAs, pending.openFailedMessage, path.constData());
             return false;
         }
-        if (!writeChunksAndClose(file, pending.chunks)) {
+        // On disk before the rotation's rename can install it.
+        bool written = writeChunks(file, pending.chunks) && fileio::syncFile(file);
+        written = fclose(file) == 0 && written;
+        if (!written) {
             logFwriteFailed(reportAs, path);
             return false;
         }
@@ -111,7 +114,7 @@ bool writePendingFiles(const nxi& owner, int bucket, const BucketLists& lists, c
 bool appendBucketBlock(nxi& owner, int bucket, DWORD count, const BucketLists& lists, const char* reportAs)
 {
     QByteArray statusPath = owner.m_SbfTmpPath.toUtf8();
-    FILE* status = fopen(statusPath.constData(), "ab+");
+    FILE* status = fileio::openFile(statusPath.constData(), "ab+");
     if (!status) {
         const int err = errno;
         NXI_ERROR_AS(reportAs, "Could not open following file for writing- code -> %d ", err);
@@ -129,9 +132,11 @@ bool appendBucketBlock(nxi& owner, int bucket, DWORD count, const BucketLists& l
     nxformat::writeLE32(countBytes, count);
     owner.m_SbfOffsets[bucket] = DWORD(blockOffset);
     const Chunk block[] = {{countBytes, sizeof countBytes}, lists.groupTable, lists.keyList};
-    if (!writeChunksAndClose(status, block)) {
-        QFile::resize(owner.m_SbfTmpPath, blockOffset);
-        owner.m_SbfOffsets[bucket] = 0;
+    bool written = writeChunks(status, block);
+    if (!written && ftruncate(fileno(status), blockOffset) == 0)
+        owner.m_SbfOffsets[bucket] = 0;  // no partial block stays behind
+    written = fclose(status) == 0 && written;
+    if (!written) {
         logFwriteFailed(reportAs, statusPath);
         return false;
     }
@@ -202,6 +207,14 @@ bool nxi::RotateIndexFiles(int bucket, const char* reportAs)
     }
     for (IndexFile file : files)
         DeleteFile(indexFilePath(*this, file, Generation::Previous, bucket));
+    // The new names are on disk before the caller records the bucket's mark,
+    // so that a power loss never leaves a mark ahead of its files.
+    for (const QString& directory : {m_IdxnDbPath, m_HlpPath}) {
+        if (!fileio::syncDirectory(directory)) {
+            NXI_ERROR_AS(reportAs, kDirectorySyncFailed, directory.toUtf8().constData());
+            return false;
+        }
+    }
     return true;
 }
 

@@ -26,6 +26,13 @@
 
 #define NXI_TRACE_AS(reportAs, ...) LOGGER::CLogger::getInstance()->Trace((reportAs), __VA_ARGS__)
 
+// Reports of the program's own beside those every run makes: what it refused
+// or could not make durable.
+constexpr const char* kIniWriteFailed = "Error:WritePrivateProfileString failed for the following file- %s";
+constexpr const char* kDirectorySyncFailed = "Error:fsync failed for the following directory- %s";
+constexpr const char* kSpecialEntryRefused = "Error:Refused the following file, not a regular file- %s";
+constexpr const char* kReadFailed = "Error:Could not read the following file- %s";
+
 #define NXI_ERROR(...) NXI_ERROR_AS(NXI_OPERATION, __VA_ARGS__)
 #define NXI_TRACE(...) NXI_TRACE_AS(NXI_OPERATION, __VA_ARGS__)
 

@@ -1,6 +1,7 @@
 #include "Logger.h"
 
 #include "Common.h"
+#include "fileio.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
@@ -269,7 +270,7 @@ void CLogger::writeNewBody(std::string const& body)
     m_LastMessage = body;
     m_RepeatCount = 0;
     m_CountLineLength = 0;
-    m_File = fopen(m_LogFilePath.c_str(), "a+");
+    m_File = fileio::openFile(m_LogFilePath.c_str(), "a+");
     if (m_File == nullptr)
         return;
     char const* time = getCurrentTime();
@@ -292,7 +293,7 @@ void CLogger::writeCountLine()
         return;
     long length = written;
 
-    m_File = fopen(m_LogFilePath.c_str(), kUpdateMode);
+    m_File = fileio::openFile(m_LogFilePath.c_str(), kUpdateMode);
     if (m_File == nullptr) {
         // Whatever file appears here later does not end with our count line.
         m_CountLineLength = 0;
@@ -306,7 +307,7 @@ void CLogger::writeCountLine()
         // The reopen does not create the file: the log was just moved away,
         // so this count line is dropped and the next new body starts a fresh
         // file. Should something stand there after all, the line is appended.
-        m_File = fopen(m_LogFilePath.c_str(), kUpdateMode);
+        m_File = fileio::openFile(m_LogFilePath.c_str(), kUpdateMode);
         if (m_File == nullptr)
             return;
         fileSize(m_File);
@@ -326,7 +327,7 @@ void CLogger::writeCountLine()
 // next line then starts a fresh file.
 void CLogger::moveToBackupIfOversized()
 {
-    m_File = fopen(m_LogFilePath.c_str(), "a+");
+    m_File = fileio::openFile(m_LogFilePath.c_str(), "a+");
     if (m_File == nullptr)
         return;
     long size = fileSize(m_File);

@@ -80,22 +80,22 @@ TEST_F(Writer, HelperRemainderStaysUnsortedInTheEntryFile)
 
 TEST_F(Writer, FailureBeforeTheRotationLeavesNoCurrentFiles)
 {
-    // A directory at the file's name, or a link to /dev/full that takes no
-    // bytes; file 3 is the status file. Files already written stay pending.
+    // A directory at the file's name, or a symbolic link (to /dev/full), which
+    // is never opened; file 3 is the status file. Files already written stay pending.
     const QString notOpenable = "Error:Could not open following file for writing- ";
-    const struct { int file; bool full; QString message; int pendingLeft; } cases[] = {
+    const struct { int file; bool link; QString message; int pendingLeft; } cases[] = {
         {0, false, notOpenable, 0}, {1, false, notOpenable, 1},
         {2, false, "Error:Could not open following file for helper writing- ", 2},
-        {1, true, "Error:fwrite failed for the following file- ", 1},
-        {3, false, "", 3}, {3, true, "Error:fwrite failed for the following file- ", 3}};
+        {1, true, notOpenable, 1}, {3, false, "", 3}, {3, true, "", 3}};
     for (const auto& c : cases) {
         useDatabase(QString("wdx1%1").arg(&c - cases));
         QString target = c.file < 3 ? indexPath(kFiles[c.file], Generation::Pending, 0x21) : m_Indexer.m_SbfTmpPath;
         QFile::remove(target);
-        c.full ? QFile::link("/dev/full", target) : QDir().mkpath(target);
+        c.link ? QFile::link("/dev/full", target) : QDir().mkpath(target);
         EXPECT_FALSE(writeBucket(0x21, nxtest::makeRecord(0x21000001, 1))) << qPrintable(target);
         EXPECT_EQ(takeLog(), c.message.isEmpty()
-            ? errorLog("WriteAllIndexing", "Could not open following file for writing- code -> 21 ") +
+            ? errorLog("WriteAllIndexing", QString("Could not open following file for writing- code -> %1 ")
+                                               .arg(c.link ? ELOOP : EISDIR)) +
                   errorLog("WriteAllIndexing", target)
             : errorLog("WriteAllIndexing", c.message + target));
         if (c.file < 3) {

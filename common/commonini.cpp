@@ -1,0 +1,145 @@
+// The INI operations of commonfun. The text of an INI file is what QSettings
+// in INI format reads and writes, but QSettings only ever works on files of
+// its own in a private scratch directory: the real file is read and replaced
+// by fileio. So no lock file, temporary file or symbolic link at the real
+// path is involved (a save never waits on a lock), a save that QSettings
+// could not complete is noticed instead of emptying the file, and the real
+// file is replaced in one rename once the new text is on disk.
+#include "commonfun.h"
+
+#include "fileio.h"
+
+#include <QFile>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QVariant>
+
+#include <cerrno>
+#include <functional>
+#include <optional>
+
+namespace {
+
+// The program's INI files are a few KB; anything far larger is not one.
+constexpr qint64 kMaxIniFileSize = 1 << 20;
+
+// Names in a private directory that no QSettings object has used yet
+// (QSettings caches what it parsed by file name).
+QString freshScratchName()
+{
+    static QTemporaryDir directory(QDir::tempPath() + "/nxindexer-ini-XXXXXX");
+    static unsigned next = 0;
+    if (!directory.isValid()) {
+        errno = EACCES;
+        return QString();
+    }
+    return directory.filePath(QString::number(++next) + ".ini");
+}
+
+// text as a fresh scratch file; empty when it could not be written.
+QString scratchFileWith(const QByteArray& text)
+{
+    QString name = freshScratchName();
+    if (name.isEmpty() || !fileio::writeNewFile(name, text))
+        return QString();
+    return name;
+}
+
+QVariantMap contentsOf(QSettings& settings)
+{
+    QVariantMap contents;
+    for (const QString& key : settings.allKeys())
+        contents.insert(key, settings.value(key));
+    return contents;
+}
+
+// The INI text after change, as QSettings writes it; nullopt (errno set) when
+// QSettings could not write it whole. The written text is parsed back under a
+// new name: a save cut short by a full disk reads back with keys missing.
+std::optional<QByteArray> editedIniText(const QByteArray& text, const std::function<void(QSettings&)>& change)
+{
+    const QString edited = scratchFileWith(text);
+    if (edited.isEmpty())
+        return std::nullopt;
+    QVariantMap expected;
+    bool saved = false;
+    {
+        QSettings settings(edited, QSettings::IniFormat);
+        change(settings);
+        settings.sync();
+        saved = settings.status() == QSettings::NoError;
+        expected = contentsOf(settings);
+    }
+    std::optional<QByteArray> result = saved ? fileio::readAll(edited, kMaxIniFileSize) : std::nullopt;
+    QFile::remove(edited);
+    if (!result)
+        return std::nullopt;
+
+    const QString check = scratchFileWith(*result);
+    if (check.isEmpty())
+        return std::nullopt;
+    QVariantMap readBack;
+    {
+        QSettings settings(check, QSettings::IniFormat);
+        readBack = contentsOf(settings);
+    }
+    QFile::remove(check);
+    if (readBack != expected) {
+        errno = ENOSPC;
+        return std::nullopt;
+    }
+    return result;
+}
+
+// The value under section/key of the INI file, or defaultValue when the file,
+// section or key is missing, or the file is refused or unreadable.
+QVariant iniValue(const QString& section, const QString& key, const QVariant& defaultValue, const QString& file)
+{
+    const std::optional<QByteArray> text = fileio::readAll(file, kMaxIniFileSize);
+    if (!text || text->isEmpty())
+        return defaultValue;
+    const QString scratch = scratchFileWith(*text);
+    if (scratch.isEmpty())
+        return defaultValue;
+    QVariant value;
+    {
+        QSettings settings(scratch, QSettings::IniFormat);
+        settings.beginGroup(section);
+        value = settings.value(key, defaultValue);
+        settings.endGroup();
+    }
+    QFile::remove(scratch);
+    return value;
+}
+
+}  // namespace
+
+bool commonfun::WritePrivateProfileString(QString section, QString key, QString value, QString file)
+{
+    if (file.isEmpty() || section.isEmpty() || key.isEmpty())
+        return true;  // nothing to write
+    std::optional<QByteArray> current = fileio::readAll(file, kMaxIniFileSize);
+    if (!current && errno == ENOENT)
+        current = QByteArray();
+    if (!current)
+        return false;
+    const std::optional<QByteArray> edited = editedIniText(*current, [&](QSettings& settings) {
+        settings.beginGroup(section);
+        settings.setValue(key, value);
+        settings.endGroup();
+    });
+    if (!edited)
+        return false;
+    return *edited == *current || fileio::replaceContents(file, *edited);
+}
+
+QString commonfun::GetPrivateProfileString(QString section, QString key, QString defaultValue, QString file)
+{
+    return iniValue(section, key, defaultValue, file).toString();
+}
+
+int commonfun::GetPrivateProfileInt(QString section, QString key, int defaultValue, QString file)
+{
+    // A present key whose text is not a number reads as 0, not as the default.
+    return iniValue(section, key, defaultValue, file).toInt();
+}

@@ -1,0 +1,217 @@
+#include "fileio.h"
+
+#include <QFileInfo>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fileio {
+
+namespace {
+
+// open(2) flags for an fopen mode; truncation is done after the open, once
+// the entry is known to be a regular file.
+int openFlags(const char* mode, bool* truncate)
+{
+    const bool update = std::strchr(mode, '+') != nullptr;
+    *truncate = mode[0] == 'w';
+    switch (mode[0]) {
+    case 'r': return update ? O_RDWR : O_RDONLY;
+    case 'w': return (update ? O_RDWR : O_WRONLY) | O_CREAT;
+    case 'a': return (update ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND;
+    default: return -1;
+    }
+}
+
+// errno for an entry that is not a regular file.
+int specialEntryError(mode_t mode) { return S_ISDIR(mode) ? EISDIR : EINVAL; }
+
+// Closes fd keeping the errno of the failure that made us give up.
+void closeKeepingErrno(int fd)
+{
+    const int err = errno;
+    ::close(fd);
+    errno = err;
+}
+
+bool writeAll(int fd, const char* data, size_t size)
+{
+    while (size > 0) {
+        const ssize_t written = ::write(fd, data, size);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0) {
+            if (written == 0)
+                errno = ENOSPC;
+            return false;
+        }
+        data += written;
+        size -= size_t(written);
+    }
+    return true;
+}
+
+// Creates a new file beside path that no other name refers to.
+int createSibling(const QByteArray& path, mode_t mode, QByteArray* name)
+{
+    static unsigned counter = 0;
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        *name = path + "." + QByteArray::number(uint(getpid()), 36) + QByteArray::number(++counter, 36) +
+                QByteArray::number(uint(std::time(nullptr)) ^ uint(attempt * 7919), 36);
+        const int fd = ::open(name->constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+        if (fd >= 0 || errno != EEXIST)
+            return fd;
+    }
+    return -1;
+}
+
+mode_t defaultFileMode()
+{
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    return 0666 & ~mask;
+}
+
+}  // namespace
+
+FILE* openFile(const char* path, const char* mode)
+{
+    bool truncate = false;
+    const int flags = openFlags(mode, &truncate);
+    if (flags < 0) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    // O_NONBLOCK: opening a FIFO must not wait for a writer.
+    const int fd = ::open(path, flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0666);
+    if (fd < 0)
+        return nullptr;
+    struct stat info;
+    if (::fstat(fd, &info) != 0) {
+        closeKeepingErrno(fd);
+        return nullptr;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        ::close(fd);
+        errno = specialEntryError(info.st_mode);
+        return nullptr;
+    }
+    if (::fcntl(fd, F_SETFL, flags & O_APPEND) != 0 || (truncate && ::ftruncate(fd, 0) != 0)) {
+        closeKeepingErrno(fd);
+        return nullptr;
+    }
+    FILE* file = ::fdopen(fd, mode);
+    if (!file)
+        closeKeepingErrno(fd);
+    return file;
+}
+
+bool syncFile(FILE* file) { return std::fflush(file) == 0 && ::fdatasync(fileno(file)) == 0; }
+
+bool syncDirectory(const QString& directory)
+{
+    const int fd = ::open(directory.toUtf8().constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    if (::fsync(fd) != 0) {
+        closeKeepingErrno(fd);
+        return false;
+    }
+    return ::close(fd) == 0;
+}
+
+bool isSpecialEntry(const QString& path)
+{
+    struct stat info;
+    return ::lstat(path.toUtf8().constData(), &info) == 0 && !S_ISREG(info.st_mode);
+}
+
+std::optional<QByteArray> readAll(const QString& path, qint64 maxSize)
+{
+    FILE* file = openFile(path.toUtf8().constData(), "rb");
+    if (!file)
+        return std::nullopt;
+    struct stat info;
+    std::optional<QByteArray> bytes;
+    if (::fstat(fileno(file), &info) != 0) {
+        // errno says why
+    } else if (info.st_size > maxSize) {
+        errno = EFBIG;
+    } else {
+        QByteArray data(int(info.st_size), '\0');
+        const size_t got = std::fread(data.data(), 1, size_t(data.size()), file);
+        if (std::ferror(file))
+            errno = EIO;
+        else
+            bytes = data.left(int(got));  // a file that shrank meanwhile reads as what it holds now
+    }
+    const int err = errno;
+    std::fclose(file);
+    errno = err;
+    return bytes;
+}
+
+bool replaceContents(const QString& path, const QByteArray& bytes)
+{
+    const QByteArray target = path.toUtf8();
+    struct stat info;
+    mode_t mode = defaultFileMode();
+    if (::lstat(target.constData(), &info) == 0) {
+        if (!S_ISREG(info.st_mode)) {
+            errno = S_ISLNK(info.st_mode) ? ELOOP : specialEntryError(info.st_mode);
+            return false;
+        }
+        mode = info.st_mode & 07777;  // the replacement keeps who may read it
+    } else if (errno != ENOENT) {
+        return false;
+    }
+
+    QByteArray sibling;
+    const int fd = createSibling(target, mode, &sibling);
+    if (fd < 0)
+        return false;
+    bool written = ::fchmod(fd, mode) == 0 && writeAll(fd, bytes.constData(), size_t(bytes.size())) &&
+                   ::fdatasync(fd) == 0;
+    if (written) {
+        written = ::close(fd) == 0;
+    } else {
+        closeKeepingErrno(fd);
+    }
+    if (!written || ::rename(sibling.constData(), target.constData()) != 0) {
+        const int err = errno;
+        ::unlink(sibling.constData());
+        errno = err;
+        return false;
+    }
+    return syncDirectory(QFileInfo(path).absolutePath());
+}
+
+bool writeNewFile(const QString& path, const QByteArray& bytes)
+{
+    const int fd = ::open(path.toUtf8().constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0)
+        return false;
+    if (!writeAll(fd, bytes.constData(), size_t(bytes.size()))) {
+        closeKeepingErrno(fd);
+        return false;
+    }
+    return ::close(fd) == 0;
+}
+
+bool renameFile(const QString& source, const QString& destination)
+{
+    return ::rename(source.toUtf8().constData(), destination.toUtf8().constData()) == 0;
+}
+
+bool sameFile(const QString& first, const QString& second)
+{
+    struct stat a, b;
+    return ::stat(first.toUtf8().constData(), &a) == 0 && ::stat(second.toUtf8().constData(), &b) == 0 &&
+           a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+}  // namespace fileio

@@ -1,0 +1,57 @@
+#ifndef NXI_FILEIO_H
+#define NXI_FILEIO_H
+
+// File access for a program that runs as root on files other components
+// write: nothing is opened through a symbolic link at the last path
+// component, nothing but a regular file is opened (a FIFO would block for
+// ever), and what replaces a file is on disk before the rename that
+// installs it. Every operation reports failure as a value with errno set
+// (ELOOP for a symbolic link); none of them logs.
+
+#include <QByteArray>
+#include <QString>
+
+#include <cstdio>
+#include <optional>
+
+namespace fileio {
+
+// fopen with the stdio modes the program uses ("rb", "rb+", "wb+", "ab+",
+// "a+"), refusing a symbolic link or anything but a regular file. nullptr
+// with errno set when refused or when the open fails.
+FILE* openFile(const char* path, const char* mode);
+
+// Flushes the stream and puts its data on disk; false when either fails.
+bool syncFile(FILE* file);
+// Puts the directory's entries (renames, new and removed names) on disk.
+bool syncDirectory(const QString& directory);
+
+// True when an entry exists at path and is not a regular file (a symbolic
+// link, a directory, a device, a FIFO): such an entry is never read as data.
+bool isSpecialEntry(const QString& path);
+
+// The whole contents of the regular file at path, at most maxSize bytes;
+// nullopt with errno set when it is missing (ENOENT), refused, larger (EFBIG)
+// or cannot be read.
+std::optional<QByteArray> readAll(const QString& path, qint64 maxSize);
+
+// Replaces the file at path by one holding bytes: a new file beside it is
+// written, synced and renamed over it, then the directory is synced. The old
+// file stays whole until the rename; false (errno set) when anything fails,
+// and the new file is removed again. A symbolic link at path is refused.
+bool replaceContents(const QString& path, const QByteArray& bytes);
+
+// Creates a new file at path (never an existing one, never through a link)
+// holding bytes; not synced. For the program's own scratch files.
+bool writeNewFile(const QString& path, const QByteArray& bytes);
+
+// rename(2): replaces destination in one step, never copies.
+bool renameFile(const QString& source, const QString& destination);
+
+// True when both names lead to the same file (same device and inode,
+// symbolic links followed).
+bool sameFile(const QString& first, const QString& second);
+
+}  // namespace fileio
+
+#endif
