@@ -1,9 +1,15 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages that building and testing need. Idempotent:
 # does nothing (and says nothing) when every package is already there.
+#   scripts/install-deps.sh          building and testing
+#   scripts/install-deps.sh --fuzz   also clang, libFuzzer and llvm-symbolizer
+#                                    (for the stacks of findings): scripts/fuzz.sh
 set -euo pipefail
 
 packages=(build-essential cmake qtbase5-dev libgtest-dev)
+if [ "${1:-}" = "--fuzz" ]; then
+  packages+=(clang libclang-rt-14-dev llvm-14)
+fi
 
 missing=()
 for pkg in "${packages[@]}"; do
