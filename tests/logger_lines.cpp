@@ -22,14 +22,30 @@ struct Logger : ::testing::Test {
     QStringList bodies() { return nxtest::logBodies(path).mid(1); }  // after the start line
 };
 
-TEST_F(Logger, LineBytesAreStampBlanksBodyCrLf)
+TEST_F(Logger, LineBytesCodePieceAndMethodNames)
 {
     logger.Trace("void nxi::StartLoop()", "In get %s type", "DB");
-    QRegularExpression line("^" + kStamp + "  " + QRegularExpression::escape(startBody()) + "\r\n"
-                            + kStamp + "  \\[TRACE\\]  \\[nxi::StartLoop\\] :: In get DB type\r\n$");
-    QRegularExpressionMatch match = line.match(QString::fromUtf8(nxtest::readFile(path)));
-    ASSERT_TRUE(match.hasMatch()) << nxtest::readFile(path).constData();
+    logger.Error("bool nxi::ReadHelperFile(int)", -1, "ReadFile %d", 7);
+    logger.Error(nullptr, 2, "x");
+    logger.Trace("f()", "%s", std::string(100000, 'y').c_str());
+    // Every line is stamp, two blanks, body, CR LF: logBodies() shows a line without a stamp.
+    QRegularExpression head("^" + kStamp + "  " + QRegularExpression::escape(startBody()) + "\r\n" + kStamp +
+                            "  \\[TRACE\\]  \\[nxi::StartLoop\\] :: In get DB type\r\n");
+    QRegularExpressionMatch match = head.match(QString::fromUtf8(nxtest::readFile(path)));
+    ASSERT_TRUE(match.hasMatch()) << nxtest::readFile(path).left(200).constData();
     EXPECT_TRUE(QDateTime::fromString(match.captured(2), "yyyy-MM-dd hh:mm:ss:zzz").isValid());
+    EXPECT_EQ(bodies().mid(1), QStringList({"[ERROR]  [nxi::ReadHelperFile] :: [0xFFFFFFFF]: ReadFile 7",
+                                            "[ERROR]  [] :: [0x00000002]: x",
+                                            "[TRACE]  [f] :: " + QString(100000, 'y')}));
+    EXPECT_TRUE(nxtest::readFile(path).endsWith(QByteArray(100000, 'y') + "\r\n"));
+
+    const char* names[][2] = {
+        {"DWORD nxi::CalculateSizeOfIndex(int, int, bool, int*, int)", "nxi::CalculateSizeOfIndex"},
+        {"int main(int, char**)", "main"}, {"LoggerStarted", "LoggerStarted"}, {nullptr, ""},
+        {"f(int a)", "a)"},  // the first "(" lies before the first blank
+    };
+    for (auto& row : names)
+        EXPECT_EQ(logger.getProperMethodName(QString::fromUtf8(row[0])), row[1]) << row[0];
 }
 
 TEST_F(Logger, LevelsLetThroughTheirEntryPoints)
@@ -54,15 +70,6 @@ TEST_F(Logger, LevelsLetThroughTheirEntryPoints)
     }
 }
 
-TEST_F(Logger, ErrorCodePieceAndNamesInBody)
-{
-    logger.Error("bool nxi::ReadHelperFile(int)", -1, "ReadFile %d", 7);
-    logger.Error(nullptr, 2, "x");
-    logger.Trace("f()", "%s", std::string(100000, 'y').c_str());
-    EXPECT_EQ(bodies(), QStringList({"[ERROR]  [nxi::ReadHelperFile] :: [0xFFFFFFFF]: ReadFile 7",
-                                     "[ERROR]  [] :: [0x00000002]: x", "[TRACE]  [f] :: " + QString(100000, 'y')}));
-}
-
 TEST_F(Logger, ConsoleLinesEndInNewlineAndOtherTypesAreSilent)
 {
     logger.EnableConsoleLogging();
@@ -75,17 +82,6 @@ TEST_F(Logger, ConsoleLinesEndInNewlineAndOtherTypesAreSilent)
     QString line = kStamp + "  \\[TRACE\\]  \\[nxi::StartLoop\\] :: same\n";
     EXPECT_TRUE(QRegularExpression("^" + line + line + "$").match(out).hasMatch()) << out.toStdString();
     EXPECT_EQ(nxtest::logBodies(path), QStringList({startBody()}));
-}
-
-TEST_F(Logger, MethodNameReduction)
-{
-    const char* table[][2] = {
-        {"DWORD nxi::CalculateSizeOfIndex(int, int, bool, int*, int)", "nxi::CalculateSizeOfIndex"},
-        {"int main(int, char**)", "main"}, {"LoggerStarted", "LoggerStarted"}, {nullptr, ""},
-        {"f(int a)", "a)"},  // the first "(" lies before the first blank
-    };
-    for (auto& row : table)
-        EXPECT_EQ(logger.getProperMethodName(QString::fromUtf8(row[0])), row[1]) << row[0];
 }
 
 TEST(LoggerNames, ProgramNameFallsBackToExeThenUnknownAndNamesTheSharedLog)
@@ -119,25 +115,21 @@ TEST_F(Logger, RepeatsCollapseIntoOneCountLineRewrittenInPlace)
     logger.Info("int main(int, char**)", "In get DB type");
     EXPECT_EQ(bodies(), QStringList({"[TRACE]  [nxi::StartLoop] :: In get DB type", "Repeated [00003] times.",
                                      "[TRACE]  [main] :: In get DB type", "[INFO]  [main] :: In get DB type"}));
-}
-
-TEST_F(Logger, CountsBeyondFiveDigitsKeepTheLineBefore)
-{
-    const std::string body = "[TRACE]  [f] :: again";
-    logger.logIntoFile(body);
-    QByteArray head = nxtest::readFile(path);
+    // Past five digits the count line grows and still replaces only itself.
+    logger.logIntoFile("[TRACE]  [f] :: again");
+    const QByteArray withLine = nxtest::readFile(path);
     for (int i = 0; i < 100000; ++i)
-        logger.logIntoFile(body);
-    EXPECT_EQ(nxtest::readFile(path), head + "Repeated [100000] times.\r\n");
-    logger.logIntoFile(body);
-    EXPECT_EQ(nxtest::readFile(path), head + "Repeated [100001] times.\r\n");
+        logger.logIntoFile("[TRACE]  [f] :: again");
+    EXPECT_EQ(nxtest::readFile(path), withLine + "Repeated [100000] times.\r\n");
+    logger.logIntoFile("[TRACE]  [f] :: again");
+    EXPECT_EQ(nxtest::readFile(path), withLine + "Repeated [100001] times.\r\n");
 }
 
-TEST(LoggerStartUp, OversizedLogMovesToBackup)
+TEST(LoggerBackup, OversizedLogMovesToBackupAtStartAndAtARepeat)
 {
+    QTemporaryDir dir;
     for (qint64 size : {kLimit + 1, kLimit}) {
-        QTemporaryDir dir;
-        QString path = dir.filePath("t.log");
+        QString path = dir.filePath(QString("t%1.log").arg(size));
         QByteArray old(int(size), 'o');
         nxtest::writeFile(path, old);
         nxtest::writeFile(path + ".bkp", "previous backup");
@@ -146,10 +138,9 @@ TEST(LoggerStartUp, OversizedLogMovesToBackup)
         EXPECT_EQ(nxtest::readFile(path).startsWith(old), size <= kLimit);
         EXPECT_EQ(nxtest::readFile(path).count("\r\n"), 1);
     }
-}
-
-TEST_F(Logger, RepeatOnOversizedLogMovesItToBackup)
-{
+    // At a repeat the count line of that call is dropped with the moved log.
+    const QString path = dir.filePath("r.log");
+    CLogger logger(path.toStdString());
     logger.Trace("f()", "big");
     logger.Trace("f()", "big");
     QByteArray full = nxtest::readFile(path);
@@ -157,7 +148,7 @@ TEST_F(Logger, RepeatOnOversizedLogMovesItToBackup)
     nxtest::writeFile(path, full);
     logger.Trace("f()", "big");
     EXPECT_EQ(nxtest::readFile(path + ".bkp"), full);
-    EXPECT_FALSE(nxtest::exists(path));  // the count line of that call is dropped
+    EXPECT_FALSE(nxtest::exists(path));
     logger.Trace("f()", "fresh");
     logger.Trace("f()", "fresh");
     EXPECT_EQ(nxtest::logBodies(path), QStringList({"[TRACE]  [f] :: fresh", "Repeated [00001] times."}));
