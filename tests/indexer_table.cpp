@@ -1,4 +1,4 @@
-// The sort order, group table and size record; a bucket's entry table from source and helper files.
+// The sort order and size record; a bucket's entry table from source and helper files.
 #include "indexer_fixture.h"
 
 namespace {
@@ -14,19 +14,6 @@ TEST(IndexFormat, CompareOrdersByTheWrappedKeyDifference)
     EXPECT_EQ(compare(nxtest::makeRecord(7, 3).constData(), nxtest::makeRecord(7, 4).constData()), 0);
 }
 
-TEST(IndexFormat, GroupTableHoldsTheFirstPositionOfEachGroup)
-{
-    const uint8_t groups[] = {0x00, 0x00, 0x05, 0x05, 0x05, 0xff};
-    QByteArray table;
-    for (uint32_t i = 0; i < 6; ++i)
-        table += nxtest::makeRecord((uint32_t(groups[i]) << 16) | (0x0100 + i), i);
-    unsigned char keys[12], payloads[72], groupTable[512];
-    nxformat::splitSortedTable(reinterpret_cast<const unsigned char*>(table.constData()), 6, keys, payloads,
-                               groupTable);
-    for (int g = 0; g < 256; ++g)
-        EXPECT_EQ(nxformat::readLE16(groupTable + 2 * g), g == 0x00 ? 0 : g == 0x05 ? 2 : g == 0xff ? 5 : 0xFFFF) << g;
-}
-
 TEST(IndexFormat, SbfSizeRecordValue)
 {
     EXPECT_EQ(nxformat::sbfSizeKey("wdx00"), "wdx00.sbf");
@@ -36,7 +23,6 @@ TEST(IndexFormat, SbfSizeRecordValue)
     for (const char* bad : {"3540", "#NXI", " 3540#NXI", "+3540#NXI", "35a0#NXI", "3540#nxi", "99999999999#NXI"})
         EXPECT_EQ(nxformat::parseSbfSizeValue(bad), std::nullopt) << bad;
 }
-
 
 constexpr int kBucket = 7;
 
@@ -74,36 +60,29 @@ protected:
     }
 };
 
-TEST_F(EntryTable, RangesOfTheWorkedExample)
-{
-    QByteArray file = example();
-    ASSERT_EQ(file.size(), 1184);
-    file.replace(0, 4, "\xff\xff\xff\xff");  // bucket 0 never reads bytes 0-3
-    // Records past the last start go to bucket 255, which ends with the last whole record.
-    nxtest::writeFile(sourcePath(0), file + nxtest::makeRecord(1, 1) + nxtest::makeRecord(2, 2) + "1234567");
-    const struct { int bucket; DWORD low, high; } cases[] = {
-        {0, 0, 2}, {1, 2, 2}, {2, 2, 5}, {3, 5, 10}, {254, 10, 10}, {255, 10, 12}};
-    for (const auto& c : cases)
-        EXPECT_EQ(range(c.bucket), (std::vector<DWORD>{c.low, c.high})) << "bucket " << c.bucket;
-    EXPECT_TRUE(takeLog().isEmpty());
-}
-
-TEST_F(EntryTable, UnreadableRangesAreRefusedAndLogged)
+TEST_F(EntryTable, RangesOfTheWorkedExampleAndRefusedOnes)
 {
     const QString path = sourcePath(0), readFailed = "Error: ReadFile failed for the following file- " + path,
                   corrupt = "Error: Corrupt bucket range in the following file- " + path + " (bucket ";
     auto patched = [](int slot, const char* hex) { return example().replace(4 * slot, 4, QByteArray::fromHex(hex)); };
-    const struct { int bucket; QByteArray file; QString message; } cases[] = {
-        {0, example().left(7), readFailed}, {5, example().left(27), readFailed},  // too short for the slots
-        {254, example().left(1023), readFailed}, {255, example().left(1023), readFailed},
-        {3, patched(4, "04000000"), corrupt + "03, low 5, high 4)"},       // start of 4 below start of 3
-        {4, patched(5, "0b000000"), corrupt + "04, low 10, high 11)"},    // end past the 10 records
-        {255, patched(255, "f0ffffff"), corrupt + "ff, low 4294967280, high 10)"},
-        {1, QByteArray(), "Could not open following db file- " + path + " - code -> 2 "}};  // no file
+    ASSERT_EQ(example().size(), 1184);
+    // Bucket 0 never reads bytes 0-3; records past the last start go to
+    // bucket 255, which ends with the last whole record.
+    const QByteArray worked = patched(0, "ffffffff") + nxtest::makeRecord(1, 1) + nxtest::makeRecord(2, 2) + "1234567";
+    using Range = std::vector<DWORD>;
+    const struct { int bucket; QByteArray file; Range range; QString message; } cases[] = {
+        {0, worked, {0, 2}, {}}, {1, worked, {2, 2}, {}}, {2, worked, {2, 5}, {}}, {3, worked, {5, 10}, {}},
+        {254, worked, {10, 10}, {}}, {255, worked, {10, 12}, {}},
+        {0, example().left(7), {}, readFailed}, {5, example().left(27), {}, readFailed},  // too short for the slots
+        {254, example().left(1023), {}, readFailed}, {255, example().left(1023), {}, readFailed},
+        {3, patched(4, "04000000"), {}, corrupt + "03, low 5, high 4)"},     // start of 4 below start of 3
+        {4, patched(5, "0b000000"), {}, corrupt + "04, low 10, high 11)"},  // end past the 10 records
+        {255, patched(255, "f0ffffff"), {}, corrupt + "ff, low 4294967280, high 10)"},
+        {1, QByteArray(), {}, "Could not open following db file- " + path + " - code -> 2 "}};  // no file
     for (const auto& c : cases) {
         c.file.isEmpty() ? void(QFile::remove(path)) : nxtest::writeFile(path, c.file);
-        EXPECT_TRUE(range(c.bucket).empty()) << qPrintable(c.message);
-        EXPECT_EQ(takeLog(), errorLog("GetIndexHighAndLow", c.message));
+        EXPECT_EQ(range(c.bucket), c.range) << "bucket " << c.bucket << " " << qPrintable(c.message);
+        EXPECT_EQ(takeLog(), c.message.isEmpty() ? QStringList() : errorLog("GetIndexHighAndLow", c.message));
     }
 }
 

@@ -9,7 +9,10 @@ const nxformat::IndexFile kFiles[] = {nxformat::IndexFile::Key, nxformat::IndexF
 class Writer : public IndexerTest
 {
 protected:
-    QByteArray read(IndexFile f, Generation g, int bucket = 0x4c) { return nxtest::readFile(indexPath(f, g, bucket)); }
+    QByteArray read(IndexFile f, int bucket = 0x4c, Generation g = Generation::Current)
+    {
+        return nxtest::readFile(indexPath(f, g, bucket));
+    }
     QByteArray status() { return nxtest::readFile(m_Indexer.m_SbfTmpPath); }
     // What the three files hold for the one record 0x4c0000<salt>: group 00 at 0.
     static QByteArray contentOf(IndexFile file, uint32_t salt)
@@ -24,41 +27,43 @@ protected:
     }
 };
 
-TEST_F(Writer, TwoRecordsByteForByte)
+TEST_F(Writer, RecordsByteForByteWithEachGroupsFirstPosition)
 {
-    QByteArray larger = nxtest::makeRecord(0x3f070201, 1), smaller = nxtest::makeRecord(0x3f070005, 2);
-    ASSERT_TRUE(writeBucket(0x3f, larger + smaller));
-    QByteArray groups = QByteArray(14, '\xff') + QByteArray(2, '\0') + QByteArray(496, '\xff');  // group 07 at 0
-    EXPECT_EQ(read(IndexFile::Key, Generation::Current, 0x3f), QByteArray::fromHex("05000102") + groups);
-    EXPECT_EQ(read(IndexFile::Payload, Generation::Current, 0x3f), smaller.mid(4) + larger.mid(4));
-    EXPECT_EQ(read(IndexFile::Entry, Generation::Current, 0x3f), smaller + larger);
-    EXPECT_EQ(status(), QByteArray(1024, '\0') + QByteArray::fromHex("02000000") + groups +
-                            QByteArray::fromHex("05000102"));
+    // Six records of the groups 00, 00, 05, 05, 05, ff, handed over in reverse order.
+    const uint8_t groups[] = {0x00, 0x00, 0x05, 0x05, 0x05, 0xff};
+    QByteArray sorted, reversed, payloads;
+    for (uint32_t i = 0; i < 6; ++i) {
+        QByteArray record = nxtest::makeRecord(0x3f000000 | uint32_t(groups[i]) << 16 | (0x0100 + i), i);
+        sorted += record;
+        reversed.prepend(record);
+        payloads += record.mid(4);
+    }
+    const QByteArray keys = QByteArray::fromHex("000101010201030104010501");
+    QByteArray groupTable = QByteArray(512, '\xff').replace(0, 2, QByteArray(2, '\0'));
+    groupTable.replace(2 * 0x05, 2, QByteArray::fromHex("0200")).replace(2 * 0xff, 2, QByteArray::fromHex("0500"));
+    ASSERT_TRUE(writeBucket(0x3f, reversed));
+    EXPECT_EQ(read(IndexFile::Key, 0x3f), keys + groupTable);
+    EXPECT_EQ(read(IndexFile::Payload, 0x3f), payloads);
+    EXPECT_EQ(read(IndexFile::Entry, 0x3f), sorted);
+    EXPECT_EQ(status(), QByteArray(1024, '\0') + QByteArray::fromHex("06000000") + groupTable + keys);
     EXPECT_EQ(m_Indexer.m_SbfOffsets[0x3f], 1024u);
     EXPECT_EQ(m_Indexer.m_EntryTable, nullptr);
     EXPECT_TRUE(takeLog().isEmpty());
 }
 
-TEST_F(Writer, SizesFollowTheRecordCount)
+TEST_F(Writer, FullBucketSizes)
 {
-    // One record, and a full bucket whose last record opens group 01 at 65,534.
-    const struct { int count, key, payload, entry, block; } cases[] = {
-        {1, 514, 12, 16, 518}, {65535, 131582, 786420, 1048560, 131586}};
-    for (int bucket = 0; bucket < 2; ++bucket) {
-        const auto& c = cases[bucket];
-        QByteArray records;
-        for (int i = 0; i + 1 < c.count; ++i)
-            records += nxtest::makeRecord(uint32_t(i), uint32_t(i));
-        records += nxtest::makeRecord(0x00010000, 0);
-        int before = status().size();
-        ASSERT_TRUE(writeBucket(bucket, records));
-        QByteArray keyFile = read(IndexFile::Key, Generation::Current, bucket);
-        EXPECT_EQ(keyFile.size(), c.key);
-        EXPECT_EQ(keyFile.right(512).left(4), QByteArray::fromHex(bucket ? "0000feff" : "ffff0000"));
-        EXPECT_EQ(read(IndexFile::Payload, Generation::Current, bucket).size(), c.payload);
-        EXPECT_EQ(read(IndexFile::Entry, Generation::Current, bucket).size(), c.entry);
-        EXPECT_EQ(status().size() - before, c.block);
-    }
+    // 65,535 records, the last of which opens group 01 at 65,534.
+    QByteArray records;
+    for (uint32_t i = 0; i < 65534; ++i)
+        records += nxtest::makeRecord(i, i);
+    ASSERT_TRUE(writeBucket(1, records + nxtest::makeRecord(0x00010000, 0)));
+    QByteArray keyFile = read(IndexFile::Key, 1);
+    EXPECT_EQ(keyFile.size(), 131582);
+    EXPECT_EQ(keyFile.right(512).left(4), QByteArray::fromHex("0000feff"));
+    EXPECT_EQ(read(IndexFile::Payload, 1).size(), 786420);
+    EXPECT_EQ(read(IndexFile::Entry, 1).size(), 1048560);
+    EXPECT_EQ(status().size(), 1024 + 131586);
 }
 
 TEST_F(Writer, HelperRemainderStaysUnsortedInTheEntryFile)
@@ -73,9 +78,8 @@ TEST_F(Writer, HelperRemainderStaysUnsortedInTheEntryFile)
     std::memcpy(m_Indexer.m_EntryCursor, added.constData(), 16);
     m_Indexer.SortEntryTable(allocSize);
     ASSERT_TRUE(m_Indexer.WriteAllIndexing(9, allocSize));
-    EXPECT_EQ(read(IndexFile::Entry, Generation::Current, 9), helper.mid(16, 16) + added + helper.left(16) +
-                                                                  QByteArray(8, '\0'));
-    EXPECT_EQ(read(IndexFile::Key, Generation::Current, 9).size(), 3 * 2 + 512);
+    EXPECT_EQ(read(IndexFile::Entry, 9), helper.mid(16, 16) + added + helper.left(16) + QByteArray(8, '\0'));
+    EXPECT_EQ(read(IndexFile::Key, 9).size(), 3 * 2 + 512);
 }
 
 TEST_F(Writer, FailureBeforeTheRotationLeavesNoCurrentFiles)
@@ -110,42 +114,40 @@ TEST_F(Writer, FailureBeforeTheRotationLeavesNoCurrentFiles)
     }
 }
 
-TEST_F(Writer, FirstAndSecondIndexingLeaveOnlyCurrentNames)
+TEST_F(Writer, RotationReplacesAllThreeOrPutsBackTheFilesAlreadyMoved)
 {
-    ASSERT_TRUE(writeBucket(0x4c, contentOf(IndexFile::Entry, 1)));
-    EXPECT_EQ(existing(), (QStringList{"4c.d", "4c.m", "4c.hl"}));
-    nxtest::writeFile(indexPath(IndexFile::Key, Generation::Previous, 0x4c), "stale copy");
-    ASSERT_TRUE(writeBucket(0x4c, contentOf(IndexFile::Entry, 2)));
-    EXPECT_EQ(existing(), (QStringList{"4c.d", "4c.m", "4c.hl"}));  // the stale previous copy is gone too
-    for (IndexFile file : kFiles)
-        EXPECT_EQ(read(file, Generation::Current), contentOf(file, 2));
-    EXPECT_TRUE(takeLog().isEmpty());
-}
-
-TEST_F(Writer, FailedMovePutsBackTheFilesAlreadyMoved)
-{
-    const struct { int failing; bool oldVersions; } cases[] = {{0, true}, {1, true}, {2, true}, {1, false}};
+    // The file whose move is blocked; -1: none, a stale previous key file instead, which goes too.
+    const struct { int failing; bool oldVersions; } cases[] = {{-1, true}, {0, true}, {1, true}, {2, true}, {1, false}};
+    const QStringList onlyCurrent = {"4c.d", "4c.m", "4c.hl"};
     for (const auto& c : cases) {
         useDatabase(QString("wdx2%1").arg(&c - cases));
-        EXPECT_TRUE(!c.oldVersions || writeBucket(0x4c, contentOf(IndexFile::Entry, 1)));
-        // A directory at the current name, and one at the previous name that keeps it there.
-        QFile::remove(indexPath(kFiles[c.failing], Generation::Current, 0x4c));
-        QDir().mkpath(indexPath(kFiles[c.failing], Generation::Current, 0x4c) + "/in-the-way");
-        QDir().mkpath(indexPath(kFiles[c.failing], Generation::Previous, 0x4c) + "/in-the-way");
-        EXPECT_FALSE(writeBucket(0x4c, contentOf(IndexFile::Entry, 2)));
-        EXPECT_EQ(takeLog(), errorLog("WriteAllIndexing", "Error:MoveFileEx failed for the following file- " +
-                                                              indexPath(kFiles[c.failing], Generation::Pending, 0x4c)));
+        if (c.oldVersions) {
+            ASSERT_TRUE(writeBucket(0x4c, contentOf(IndexFile::Entry, 1)));
+            EXPECT_EQ(existing(), onlyCurrent);
+        }
+        if (c.failing < 0) {
+            nxtest::writeFile(indexPath(IndexFile::Key, Generation::Previous, 0x4c), "stale copy");
+        } else {  // a directory at the current name, and one at the previous name that keeps it there
+            QFile::remove(indexPath(kFiles[c.failing], Generation::Current, 0x4c));
+            QDir().mkpath(indexPath(kFiles[c.failing], Generation::Current, 0x4c) + "/in-the-way");
+            QDir().mkpath(indexPath(kFiles[c.failing], Generation::Previous, 0x4c) + "/in-the-way");
+        }
+        EXPECT_EQ(writeBucket(0x4c, contentOf(IndexFile::Entry, 2)), c.failing < 0);
+        const QString moveFailed = "Error:MoveFileEx failed for the following file- ";
+        EXPECT_EQ(takeLog(), c.failing < 0 ? QStringList()
+                                           : errorLog("WriteAllIndexing", moveFailed + indexPath(kFiles[c.failing],
+                                                                                                 Generation::Pending, 0x4c)));
         EXPECT_NE(m_Indexer.m_SbfOffsets[0x4c], 0u);  // appended before the rotation
+        EXPECT_TRUE(c.failing >= 0 || existing() == onlyCurrent);
         for (int i = 0; i < 3; ++i) {
             SCOPED_TRACE(qPrintable(QString("failing %1, file %2, old %3").arg(c.failing).arg(i).arg(c.oldVersions)));
             IndexFile file = kFiles[i];
-            // Moved in and put back; with nothing to put back the new one stays.
-            QByteArray current = i < c.failing ? contentOf(file, c.oldVersions ? 1 : 2)
-                                 : i > c.failing && c.oldVersions ? contentOf(file, 1) : QByteArray();
-            EXPECT_EQ(read(file, Generation::Current), current);
-            EXPECT_EQ(read(file, Generation::Pending), i < c.failing ? QByteArray() : contentOf(file, 2));
+            // A file moved in stays unless the failure puts an old one back; one not reached keeps the old.
+            const bool moved = c.failing < 0 || i < c.failing, old = c.oldVersions && c.failing >= 0 && i != c.failing;
+            EXPECT_EQ(read(file), old ? contentOf(file, 1) : moved ? contentOf(file, 2) : QByteArray());
+            EXPECT_EQ(read(file, 0x4c, Generation::Pending), moved ? QByteArray() : contentOf(file, 2));
             EXPECT_EQ(QFileInfo(indexPath(file, Generation::Current, 0x4c)).isDir(), i == c.failing);
-            EXPECT_EQ(QFileInfo(indexPath(file, Generation::Previous, 0x4c)).isDir(), i == c.failing);
+            EXPECT_EQ(nxtest::exists(indexPath(file, Generation::Previous, 0x4c)), i == c.failing);
         }
     }
 }
