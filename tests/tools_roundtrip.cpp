@@ -30,14 +30,14 @@ TEST(ToolsRoundTrip, EveryGeneratedRecordIsFoundAndVerifyNamesEachDamage)
             parts << ynsample::sourceBuckets(options, db, file);
         for (const QVector<QByteArray>& buckets : parts)
             for (int bucket = 0; bucket < buckets.size(); ++bucket)
-                for (int at = 0; at < buckets[bucket].size(); at += int(nxformat::kRecordSize)) {
-                    const uint32_t key = nxformat::recordKey(reinterpret_cast<const unsigned char*>(buckets[bucket].constData()) + at);
-                    const QByteArray payload = buckets[bucket].mid(at + int(nxformat::kPayloadOffset), int(nxformat::kPayloadSize));
-                    QVector<nxinspect::Match> matches;
+                for (int at = 0; at < buckets[bucket].size(); at += 16) {
+                    const QByteArray record = buckets[bucket].mid(at, 16);
+                    const uint32_t key = nxformat::readLE32(reinterpret_cast<const unsigned char*>(record.data()));
+                    QVector<nxinspect::Match> found;
                     QString error;
-                    ASSERT_TRUE(reader.lookup(key, &matches, &error)) << qPrintable(error);
-                    EXPECT_TRUE(std::any_of(matches.begin(), matches.end(), [&](const nxinspect::Match& m) {
-                        return m.bucket == bucket && m.key == key && m.payload == payload;
+                    ASSERT_TRUE(reader.lookup(key, &found, &error)) << qPrintable(error);
+                    EXPECT_TRUE(std::any_of(found.begin(), found.end(), [&](const nxinspect::Match& m) {
+                        return m.bucket == bucket && m.key == key && m.payload == record.mid(4);
                     })) << qPrintable(db) << " key " << std::hex << key;
                 }
     }
@@ -76,7 +76,7 @@ TEST(ToolsRoundTrip, EveryGeneratedRecordIsFoundAndVerifyNamesEachDamage)
         QByteArray damaged = original;
         if (damage.offset >= 0)
             damaged[int(damage.offset)] = char(damaged[int(damage.offset)] ^ 0x01);
-        writeFile(path, damaged);
+        writeFile(path, damaged);  // a missing file is created empty
 
         nxtest::ToolRun run = runTool("nxinspect", {"verify", install.root()});
         EXPECT_EQ(run.exitCode, 1);
@@ -85,10 +85,7 @@ TEST(ToolsRoundTrip, EveryGeneratedRecordIsFoundAndVerifyNamesEachDamage)
         EXPECT_EQ(lines[0], QString("wdx00: %1 violation%2").arg(n).arg(n > 1 ? "s" : ""));
         for (int i = 0; i < n; ++i)
             EXPECT_TRUE(lines.value(i + 1).startsWith(damage.expected[i])) << qPrintable(run.out);
-        if (damage.offset >= 0)
-            writeFile(path, original);
-        else
-            QFile::remove(path);
+        damage.offset >= 0 ? writeFile(path, original) : void(QFile::remove(path));
     }
     // Once each damage is undone, verify passes.
     nxtest::ToolRun verify = runTool("nxinspect", {"verify", install.root()});
@@ -116,11 +113,8 @@ TEST(ToolsRoundTrip, LookupFindsKeysAlsoWhereByte3DiffersAndSummaryIsExact)
                records[i].mid(int(nxformat::kPayloadOffset)).toHex() + "\n";
     };
     const struct { const char* key; int exitCode; QString out; } lookups[] = {
-        {"01070001", 0, line(5, 0, 1) + line(6, 0, 3)},
-        {"0x2070001", 0, line(5, 1, 2)},
-        {"02080002", 0, line(5, 2, 0)},
-        {"03070001", 1, ""},
-    };
+        {"01070001", 0, line(5, 0, 1) + line(6, 0, 3)}, {"0x2070001", 0, line(5, 1, 2)},
+        {"02080002", 0, line(5, 2, 0)}, {"03070001", 1, ""}};
     for (const auto& lookup : lookups) {
         nxtest::ToolRun run = runTool("nxinspect", {"lookup", "wdx00", lookup.key, install.root()});
         EXPECT_EQ(run.exitCode, lookup.exitCode) << lookup.key;
