@@ -45,48 +45,40 @@ QString scratchFileWith(const QByteArray& text)
     return name;
 }
 
-QVariantMap contentsOf(QSettings& settings)
+// True when text holds every key of a settings object with keyCount keys:
+// QSettings writes each key on a line of its own, the only lines with an
+// "=" (section names escape it), and ends the file with a line end. A save
+// cut short by a full disk misses lines or ends in the middle of one.
+bool holdsEveryKey(const QByteArray& text, int keyCount)
 {
-    QVariantMap contents;
-    for (const QString& key : settings.allKeys())
-        contents.insert(key, settings.value(key));
-    return contents;
+    if (text.isEmpty())
+        return keyCount == 0;
+    int keyLines = 0;
+    for (const QByteArray& line : text.split('\n'))
+        keyLines += line.contains('=') && !line.startsWith('[') ? 1 : 0;
+    return text.endsWith('\n') && keyLines == keyCount;
 }
 
 // The INI text after change, as QSettings writes it; nullopt (errno set) when
-// QSettings could not write it whole. The written text is parsed back under a
-// new name: a save cut short by a full disk reads back with keys missing.
+// QSettings could not write it whole.
 std::optional<QByteArray> editedIniText(const QByteArray& text, const std::function<void(QSettings&)>& change)
 {
     const QString edited = scratchFileWith(text);
     if (edited.isEmpty())
         return std::nullopt;
-    QVariantMap expected;
-    bool saved = false;
+    int keyCount = -1;
     {
         QSettings settings(edited, QSettings::IniFormat);
         change(settings);
         settings.sync();
-        saved = settings.status() == QSettings::NoError;
-        expected = contentsOf(settings);
+        if (settings.status() == QSettings::NoError)
+            keyCount = settings.allKeys().size();
     }
-    std::optional<QByteArray> result = saved ? fileio::readAll(edited, kMaxIniFileSize) : std::nullopt;
+    std::optional<QByteArray> result = keyCount >= 0 ? fileio::readAll(edited, kMaxIniFileSize) : std::nullopt;
     QFile::remove(edited);
-    if (!result)
-        return std::nullopt;
-
-    const QString check = scratchFileWith(*result);
-    if (check.isEmpty())
-        return std::nullopt;
-    QVariantMap readBack;
-    {
-        QSettings settings(check, QSettings::IniFormat);
-        readBack = contentsOf(settings);
-    }
-    QFile::remove(check);
-    if (readBack != expected) {
+    if (result && !holdsEveryKey(*result, keyCount)) {
         errno = ENOSPC;
-        return std::nullopt;
+        result.reset();
     }
     return result;
 }

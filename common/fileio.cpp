@@ -1,7 +1,5 @@
 #include "fileio.h"
 
-#include <QFileInfo>
-
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -187,7 +185,7 @@ bool replaceContents(const QString& path, const QByteArray& bytes)
         errno = err;
         return false;
     }
-    return syncDirectory(QFileInfo(path).absolutePath());
+    return true;
 }
 
 bool writeNewFile(const QString& path, const QByteArray& bytes)

@@ -36,9 +36,11 @@ bool isSpecialEntry(const QString& path);
 std::optional<QByteArray> readAll(const QString& path, qint64 maxSize);
 
 // Replaces the file at path by one holding bytes: a new file beside it is
-// written, synced and renamed over it, then the directory is synced. The old
-// file stays whole until the rename; false (errno set) when anything fails,
-// and the new file is removed again. A symbolic link at path is refused.
+// written, synced and renamed over it, so the file holds the old or the new
+// text whole, never less, whenever the machine stops. The rename itself may
+// still be undone by a power loss: callers that need the new name on disk
+// sync the directory. False (errno set) when anything fails; the new file is
+// then removed again. A symbolic link at path is refused.
 bool replaceContents(const QString& path, const QByteArray& bytes);
 
 // Creates a new file at path (never an existing one, never through a link)

@@ -61,6 +61,24 @@ QStringList logBodies(const QString& logPath)
     return bodies;
 }
 
+namespace {
+
+int runProgram(const QString& program, const QProcessEnvironment& env, int timeoutMs)
+{
+    QProcess process;
+    process.setProcessEnvironment(env);
+    process.setProcessChannelMode(QProcess::ForwardedChannels);
+    process.start(program, QStringList());
+    if (!process.waitForFinished(timeoutMs)) {
+        process.kill();
+        process.waitForFinished();
+        return -1;
+    }
+    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+}
+
+} // namespace
+
 TempInstall::TempInstall() : m_Dir(QDir::tempPath() + "/nxi-test-XXXXXX")
 {
     m_Root = m_Dir.path() + "/install";
@@ -71,20 +89,26 @@ TempInstall::TempInstall() : m_Dir(QDir::tempPath() + "/nxi-test-XXXXXX")
 
 int TempInstall::runIndexer(bool withPause) const
 {
-    QProcess process;
+    return withPause ? runProgram(m_Root + "/bin/nxindexer", QProcessEnvironment::systemEnvironment(), 240000)
+                     : runIndexerWith({});
+}
+
+int TempInstall::runIndexerWith(const QStringList& environment, int timeoutMs) const
+{
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    if (!withPause) {
-        env.insert("LD_PRELOAD", NXNOPAUSE_PATH);
-        // Under AddressSanitizer the preloaded library comes before its runtime.
-        QString asan = env.value("ASAN_OPTIONS");
-        env.insert("ASAN_OPTIONS", asan + (asan.isEmpty() ? "" : ":") + "verify_asan_link_order=0");
+    QString preload = NXNOPAUSE_PATH;
+    for (const QString& variable : environment) {
+        const QString name = variable.section('=', 0, 0), value = variable.section('=', 1);
+        if (name == "LD_PRELOAD")
+            preload = value + ":" + preload;  // sees every call before the seam does
+        else
+            env.insert(name, value);
     }
-    process.setProcessEnvironment(env);
-    process.setProcessChannelMode(QProcess::ForwardedChannels);
-    process.start(m_Root + "/bin/nxindexer", QStringList());
-    if (!process.waitForFinished(240000) || process.exitStatus() != QProcess::NormalExit)
-        return -1;
-    return process.exitCode();
+    env.insert("LD_PRELOAD", preload);
+    // Under AddressSanitizer the preloaded libraries come before its runtime.
+    QString asan = env.value("ASAN_OPTIONS");
+    env.insert("ASAN_OPTIONS", asan + (asan.isEmpty() ? "" : ":") + "verify_asan_link_order=0");
+    return runProgram(m_Root + "/bin/nxindexer", env, timeoutMs);
 }
 
 } // namespace nxtest

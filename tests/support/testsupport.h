@@ -39,6 +39,10 @@ public:
     // Runs the indexer (without its per-bucket pause); returns the exit
     // status, or -1 when it did not end normally.
     int runIndexer(bool withPause = false) const;
+    // Runs the indexer without its pause, with extra environment variables
+    // (an LD_PRELOAD there is loaded before the pause seam); -1 also when it
+    // has not ended after timeoutMs.
+    int runIndexerWith(const QStringList& environment, int timeoutMs = 240000) const;
     QStringList logBodies() const { return nxtest::logBodies(logPath()); }
 
 private:

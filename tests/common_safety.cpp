@@ -1,0 +1,98 @@
+// File access that other components' files cannot subvert: no symbolic
+// links, no special files, moves in one step, INI text exactly as QSettings
+// writes it.
+#include "commonfun.h"
+#include "fileio.h"
+#include "testsupport.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <sys/stat.h>
+
+namespace {
+
+class CommonSafety : public ::testing::Test
+{
+protected:
+    QString path(const QString& name) const { return m_Dir.filePath(name); }
+    QTemporaryDir m_Dir;
+    commonfun* fun = commonfun::getInstance();
+};
+
+TEST_F(CommonSafety, OpenRefusesLinksAndSpecialFilesAndTruncatesOnlyRegularOnes)
+{
+    nxtest::writeFile(path("file"), "contents");
+    QFile::link(path("file"), path("link"));
+    QDir().mkpath(path("dir"));
+    ASSERT_EQ(mkfifo(path("fifo").toUtf8().constData(), 0600), 0);  // opening it must not wait for a writer
+    const struct { const char* name; const char* mode; int error; } cases[] = {
+        {"link", "rb", ELOOP}, {"link", "wb+", ELOOP}, {"link", "ab+", ELOOP}, {"link", "rb+", ELOOP},
+        {"dir", "rb", EISDIR}, {"dir", "wb+", EISDIR}, {"fifo", "rb", EINVAL}, {"fifo", "wb+", EINVAL},
+        {"missing", "rb", ENOENT}};
+    for (const auto& c : cases) {
+        errno = 0;
+        EXPECT_EQ(fileio::openFile(path(c.name).toUtf8().constData(), c.mode), nullptr) << c.name << " " << c.mode;
+        EXPECT_EQ(errno, c.error) << c.name << " " << c.mode;
+    }
+    EXPECT_EQ(nxtest::readFile(path("file")), QByteArray("contents"));
+    FILE* file = fileio::openFile(path("file").toUtf8().constData(), "wb+");
+    ASSERT_NE(file, nullptr);
+    EXPECT_EQ(std::fwrite("new", 3, 1, file), 1u);
+    EXPECT_TRUE(fileio::syncFile(file));
+    std::fclose(file);
+    EXPECT_EQ(nxtest::readFile(path("file")), QByteArray("new"));
+}
+
+TEST_F(CommonSafety, MoveNeverLeavesTheDestinationMissingNorCopies)
+{
+    nxtest::writeFile(path("dst"), "old");
+    QDir().mkpath(path("srcdir"));
+    EXPECT_FALSE(fun->MoveFile(path("srcdir"), path("dst")));  // rename(2) refuses a directory over a file
+    EXPECT_EQ(nxtest::readFile(path("dst")), QByteArray("old"));
+
+    // Another file system: a rename cannot do it, and nothing is copied instead.
+    QTemporaryDir other("/dev/shm/nxi-test-XXXXXX");
+    struct stat here, there;
+    if (!other.isValid() || stat(qPrintable(m_Dir.path()), &here) != 0 || stat(qPrintable(other.path()), &there) != 0 ||
+        here.st_dev == there.st_dev)
+        GTEST_SKIP() << "no second file system at /dev/shm";
+    nxtest::writeFile(other.filePath("src"), "new");
+    EXPECT_FALSE(fun->MoveFile(other.filePath("src"), path("dst")));
+    EXPECT_EQ(nxtest::readFile(path("dst")), QByteArray("old"));
+    EXPECT_EQ(nxtest::readFile(other.filePath("src")), QByteArray("new"));
+}
+
+TEST_F(CommonSafety, IniTextIsQSettingsTextAndALinkIsNeverWritten)
+{
+    const struct { const char* section; const char* key; const char* value; } writes[] = {
+        {"hlpr", "1a", "07"}, {"hlpr", "00", "-1"}, {"SBF_Size", "wdx00.sbf", "3540#NXI"},
+        {"hlpr", "ff", ""}, {"odd", "a key", " spaced, with; = signs "}, {"hlpr", "00", "123"}};
+    nxtest::writeFile(path("ours.ini"), "; a comment QSettings drops\n[hlpr]\nzz=1\n");
+    nxtest::writeFile(path("qt.ini"), nxtest::readFile(path("ours.ini")));
+    for (const auto& w : writes) {
+        EXPECT_TRUE(fun->WritePrivateProfileString(w.section, w.key, w.value, path("ours.ini")));
+        QSettings settings(path("qt.ini"), QSettings::IniFormat);
+        settings.beginGroup(w.section);
+        settings.setValue(w.key, QString(w.value));
+    }
+    EXPECT_EQ(nxtest::readFile(path("ours.ini")), nxtest::readFile(path("qt.ini")));
+    EXPECT_EQ(fun->GetPrivateProfileString("odd", "a key", "x", path("ours.ini")), " spaced, with; = signs ");
+    EXPECT_EQ(fun->GetPrivateProfileInt("hlpr", "00", 5, path("ours.ini")), 123);
+    EXPECT_EQ(QDir(m_Dir.path()).entryList(QDir::Files), QStringList({"ours.ini", "qt.ini"}));
+
+    nxtest::writeFile(path("target"), "[hlpr]\n00=41\n");
+    QFile::link(path("target"), path("link.ini"));
+    errno = 0;
+    EXPECT_FALSE(fun->WritePrivateProfileString("hlpr", "00", "42", path("link.ini")));
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_EQ(fun->GetPrivateProfileInt("hlpr", "00", -7, path("link.ini")), -7);
+    EXPECT_EQ(nxtest::readFile(path("target")), QByteArray("[hlpr]\n00=41\n"));
+    EXPECT_TRUE(QFileInfo(path("link.ini")).isSymLink());
+}
+
+} // namespace

@@ -1,0 +1,197 @@
+/* Tests only: preloaded into a run of the real nxindexer, it makes one call of
+ * a family of C library file operations fail the way the real fault does, or
+ * kills the process there, and can trace every such call. The shipped program
+ * never loads it.
+ *
+ *   NXFAULT_FAMILY  open (for writing) | write | close | read | rename | unlink | mkdir | sync
+ *   NXFAULT_NTH     fail the N-th call of the family (1-based); 0 or unset: every call
+ *   NXFAULT_MATCH   count only calls whose path (or the fd's path) contains this text
+ *   NXFAULT_ACTION  fail (default) | kill (SIGKILL at that call)
+ *   NXFAULT_ERRNO   errno of the failure (default: ENOSPC for open, write and close,
+ *                   EIO for read, rename and sync, EACCES for unlink and mkdir)
+ *   NXFAULT_TRACE   file that gets one line per call of any family: "<family> <path>"
+ *   NXFAULT_COUNT   file that gets "<calls> <failed>" of the family at exit
+ */
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdio_ext.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static const char* const kFamilies[] = {"open", "write", "close", "read", "rename", "unlink", "mkdir", "sync"};
+enum { OPEN, WRITE, CLOSE, READ, RENAME, UNLINK, MKDIR, SYNC };
+static const int kDefaultErrno[] = {ENOSPC, ENOSPC, ENOSPC, EIO, EIO, EACCES, EACCES, EIO};
+
+static int g_family = -1, g_errno, g_kill;
+static long g_nth, g_calls, g_failed;
+static const char* g_match;
+static __thread int g_inside; /* our own calls while tracing are not counted */
+
+#define REAL(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
+
+__attribute__((constructor)) static void setUp(void)
+{
+    const char* family = getenv("NXFAULT_FAMILY");
+    for (int i = 0; family && i < (int)(sizeof kFamilies / sizeof *kFamilies); ++i)
+        if (strcmp(family, kFamilies[i]) == 0)
+            g_family = i;
+    g_nth = getenv("NXFAULT_NTH") ? atol(getenv("NXFAULT_NTH")) : 0;
+    g_match = getenv("NXFAULT_MATCH");
+    g_kill = getenv("NXFAULT_ACTION") && strcmp(getenv("NXFAULT_ACTION"), "kill") == 0;
+    g_errno = getenv("NXFAULT_ERRNO") ? atoi(getenv("NXFAULT_ERRNO")) : (g_family >= 0 ? kDefaultErrno[g_family] : 0);
+}
+
+__attribute__((destructor)) static void tearDown(void)
+{
+    const char* path = getenv("NXFAULT_COUNT");
+    if (!path)
+        return;
+    g_inside = 1;
+    FILE* out = REAL(fopen)(path, "w");
+    if (out) {
+        fprintf(out, "%ld %ld\n", g_calls, g_failed);
+        REAL(fclose)(out);
+    }
+}
+
+static void fdPath(int fd, char* path, size_t size)
+{
+    char link[64];
+    snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    ssize_t n = readlink(link, path, size - 1);
+    path[n > 0 ? n : 0] = '\0';
+}
+
+static void trace(int family, const char* path, const char* to)
+{
+    const char* file = getenv("NXFAULT_TRACE");
+    if (!file)
+        return;
+    g_inside = 1;
+    int fd = REAL(open)(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd >= 0) {
+        char line[8300];
+        int n = snprintf(line, sizeof line, "%s %s%s%s\n", kFamilies[family], path, to ? " " : "", to ? to : "");
+        if (n > 0)
+            REAL(write)(fd, line, (size_t)n < sizeof line ? (size_t)n : sizeof line - 1);
+        REAL(close)(fd);
+    }
+    g_inside = 0;
+}
+
+/* True when this call is to fail (errno is then set); kills when asked to. */
+static int fault(int family, const char* path, const char* to)
+{
+    if (g_inside)
+        return 0;
+    int saved = errno;
+    trace(family, path, to);
+    errno = saved;
+    if (family != g_family || (g_match && !strstr(path, g_match) && !(to && strstr(to, g_match))))
+        return 0;
+    ++g_calls;
+    if (g_nth != 0 && g_calls != g_nth)
+        return 0;
+    if (g_kill)
+        raise(SIGKILL);
+    ++g_failed;
+    errno = g_errno;
+    return 1;
+}
+
+static int faultFd(int family, int fd)
+{
+    if (g_inside || (family != g_family && !getenv("NXFAULT_TRACE")))
+        return 0;
+    /* Regular files only (and directories being synced): pipes and terminals pass. */
+    struct stat info;
+    if (fstat(fd, &info) != 0 || !(S_ISREG(info.st_mode) || (family == SYNC && S_ISDIR(info.st_mode))))
+        return 0;
+    char path[4096];
+    fdPath(fd, path, sizeof path);
+    return fault(family, path, NULL);
+}
+
+static int writeIntent(int flags) { return (flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC | O_APPEND)) != 0; }
+
+#define OPEN_WRAPPER(name, ...)                                                   \
+    int name(__VA_ARGS__, int flags, ...)                                         \
+    {                                                                             \
+        va_list args;                                                             \
+        va_start(args, flags);                                                    \
+        mode_t mode = (flags & (O_CREAT | O_TMPFILE)) ? va_arg(args, mode_t) : 0; \
+        va_end(args);                                                             \
+        if (writeIntent(flags) && fault(OPEN, path, NULL))                        \
+            return -1;                                                            \
+        return OPEN_CALL(name);                                                   \
+    }
+#define OPEN_CALL(name) REAL(name)(path, flags, mode)
+OPEN_WRAPPER(open, const char* path)
+OPEN_WRAPPER(open64, const char* path)
+#undef OPEN_CALL
+#define OPEN_CALL(name) REAL(name)(dirfd, path, flags, mode)
+OPEN_WRAPPER(openat, int dirfd, const char* path)
+OPEN_WRAPPER(openat64, int dirfd, const char* path)
+
+FILE* fopen(const char* path, const char* mode)
+{
+    if (strpbrk(mode, "wa+") && fault(OPEN, path, NULL))
+        return NULL;
+    return REAL(fopen)(path, mode);
+}
+FILE* fopen64(const char* path, const char* mode)
+{
+    if (strpbrk(mode, "wa+") && fault(OPEN, path, NULL))
+        return NULL;
+    return REAL(fopen64)(path, mode);
+}
+
+ssize_t write(int fd, const void* data, size_t size) { return faultFd(WRITE, fd) ? -1 : REAL(write)(fd, data, size); }
+size_t fwrite(const void* data, size_t size, size_t count, FILE* stream)
+{
+    return faultFd(WRITE, fileno(stream)) ? 0 : REAL(fwrite)(data, size, count, stream);
+}
+ssize_t read(int fd, void* data, size_t size) { return faultFd(READ, fd) ? -1 : REAL(read)(fd, data, size); }
+size_t fread(void* data, size_t size, size_t count, FILE* stream)
+{
+    return faultFd(READ, fileno(stream)) ? 0 : REAL(fread)(data, size, count, stream);
+}
+
+/* A failing close loses what was still buffered, as a full disk does. */
+int fclose(FILE* stream)
+{
+    if (__fwritable(stream) && faultFd(CLOSE, fileno(stream))) {
+        int err = errno;
+        __fpurge(stream);
+        REAL(fclose)(stream);
+        errno = err;
+        return EOF;
+    }
+    return REAL(fclose)(stream);
+}
+
+int rename(const char* from, const char* to) { return fault(RENAME, from, to) ? -1 : REAL(rename)(from, to); }
+int renameat(int fromDir, const char* from, int toDir, const char* to)
+{
+    return fault(RENAME, from, to) ? -1 : REAL(renameat)(fromDir, from, toDir, to);
+}
+int renameat2(int fromDir, const char* from, int toDir, const char* to, unsigned flags)
+{
+    return fault(RENAME, from, to) ? -1 : REAL(renameat2)(fromDir, from, toDir, to, flags);
+}
+int unlink(const char* path) { return fault(UNLINK, path, NULL) ? -1 : REAL(unlink)(path); }
+int unlinkat(int dirfd, const char* path, int flags)
+{
+    return fault(UNLINK, path, NULL) ? -1 : REAL(unlinkat)(dirfd, path, flags);
+}
+int remove(const char* path) { return fault(UNLINK, path, NULL) ? -1 : REAL(remove)(path); }
+int mkdir(const char* path, mode_t mode) { return fault(MKDIR, path, NULL) ? -1 : REAL(mkdir)(path, mode); }
+int fsync(int fd) { return faultFd(SYNC, fd) ? -1 : REAL(fsync)(fd); }
+int fdatasync(int fd) { return faultFd(SYNC, fd) ? -1 : REAL(fdatasync)(fd); }
