@@ -9,7 +9,9 @@
 
 #include "fileio.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QVariant>
@@ -27,7 +29,9 @@ constexpr qint64 kMaxIniFileSize = 1 << 20;
 // (QSettings caches what it parsed by file name).
 QString freshScratchName()
 {
-    static QTemporaryDir directory(QDir::tempPath() + "/nxindexer-ini-XXXXXX");
+    // Memory-backed where the system has it: scratch files need no disk.
+    static const QString base = QFileInfo("/dev/shm").isWritable() ? "/dev/shm" : QDir::tempPath();
+    static QTemporaryDir directory(base + "/nxindexer-ini-XXXXXX");
     static unsigned next = 0;
     if (!directory.isValid()) {
         errno = EACCES;
