@@ -16,8 +16,7 @@ TEST(IndexFormat, CompareOrdersByTheWrappedKeyDifference)
 
 TEST(IndexFormat, SbfSizeRecordValue)
 {
-    EXPECT_EQ(nxformat::sbfSizeKey("wdx00"), "wdx00.sbf");
-    EXPECT_EQ(nxformat::sbfSizeValue(3540), "3540#NXI");
+    // The indexer's own records ("%d#NXI" under "wdx00.sbf") are read back end to end.
     EXPECT_EQ(nxformat::parseSbfSizeValue("3540#NXI"), 3540);
     EXPECT_EQ(nxformat::parseSbfSizeValue(nxformat::sbfSizeValue(-1)), -1);
     for (const char* bad : {"3540", "#NXI", " 3540#NXI", "+3540#NXI", "35a0#NXI", "3540#nxi", "99999999999#NXI"})
@@ -121,49 +120,44 @@ TEST_F(EntryTable, PassesVisitFilesUpToDbCountMinusTwoSkippingMissingAndCorrupt)
     EXPECT_FALSE(m_Indexer.m_EntryTableOverflow);
 }
 
-TEST_F(EntryTable, OversizedBucketIsRefusedBeforeAllocation)
+TEST_F(EntryTable, AllocationCountsTheHelperWhichLoadsAtTheHeadUnlessItChanged)
 {
-    const struct { DWORD size; int helperBytes; bool accepted; } cases[] = {
-        {65535 * 16, 0, true}, {65535 * 16 - 15, 15 + 15, true}, {65535 * 16, 16, false}, {0xFFFFFFFFu, 0, false}};
-    for (const auto& c : cases) {
-        nxtest::writeFile(helperPath(kBucket), QByteArray(c.helperBytes, '\x01'));
-        bool hasHelper = false;
-        DWORD allocSize = 1;
-        EXPECT_EQ(m_Indexer.AllocateIndexBuffer(kBucket, c.size, &hasHelper, &allocSize), c.accepted) << c.size;
-        EXPECT_EQ(m_Indexer.m_EntryTable != nullptr, c.accepted);
-        EXPECT_EQ(allocSize, c.accepted ? c.size + DWORD(c.helperBytes) : 0);
-        QString refused = QString("Error: Bucket 07 too large to index - %1 bytes, more than 65535 records")
-                              .arg(quint64(c.size) + c.helperBytes);
-        EXPECT_EQ(takeLog(), c.accepted ? QStringList() : errorLog("AllocateIndexBuffer", refused));
-        m_Indexer.ReleaseIndexBuffer();
-    }
-}
-
-TEST_F(EntryTable, HelperIsLoadedAtTheHeadUnlessItChangedSinceSizing)
-{
-    const QString path = helperPath(0x0a), tooSmall = "Error: Entry table too small for the following file(helper "
-                                                      "buffer) - " + path + " (64 bytes, room for 48)";
+    const QString path = helperPath(kBucket), notRegular = "Error:Refused the following file, not a regular file- ";
     const QByteArray letters = QByteArray("abcdefghijklmnopqrstuvwxyz").repeated(3);
-    // Its size when sized and when read; -1: gone by then; -2: a directory,
-    // which is refused when sizing and cannot be opened when read.
-    const struct { int sized, read; QStringList log; } cases[] = {
-        {48, 48, {}}, {50, 50, {}}, {0, 0, {}}, {32, -1, {}}, {32, 64, errorLog("ReadHelperFile", tooSmall)},
-        {-2, -2, errorLog("AllocateIndexBuffer", "Error:Refused the following file, not a regular file- " + path) +
-                     errorLog("ReadHelperFile", "Error:Unable to get file size! - " + path)}};
+    auto tooLarge = [](quint64 bytes) {
+        return errorLog("AllocateIndexBuffer",
+                        QString("Error: Bucket 07 too large to index - %1 bytes, more than 65535 records").arg(bytes));
+    };
+    const QStringList tooSmall = errorLog("ReadHelperFile", "Error: Entry table too small for the following "
+                                                            "file(helper buffer) - " + path + " (64 bytes, room for 48)");
+    // The new bytes; the helper's size when sized and when read (-1: gone by then; -2: a
+    // directory, refused when sizing and not opened when read, and last as it stays).
+    const struct { DWORD size; int sized, read; bool fits; QStringList log; } cases[] = {
+        {16, 48, 48, true, {}}, {16, 50, 50, true, {}}, {16, 0, 0, true, {}}, {16, 32, -1, true, {}},
+        {16, 32, 64, true, tooSmall}, {65535 * 16, 0, 0, true, {}}, {65535 * 16 - 15, 15 + 15, 30, true, {}},
+        {65535 * 16, 16, 16, false, tooLarge(65535 * 16 + 16)}, {0xFFFFFFFFu, 0, 0, false, tooLarge(0xFFFFFFFFu)},
+        {16, -2, -2, true, errorLog("AllocateIndexBuffer", notRegular + path) +
+                               errorLog("ReadHelperFile", "Error:Unable to get file size! - " + path)}};
     for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.size << " bytes, helper " << c.sized << " then " << c.read);
         QFile::remove(path);
         c.sized == -2 ? void(QDir().mkpath(path)) : nxtest::writeFile(path, letters.left(c.sized));
         bool hasHelper = false, loaded = c.sized == c.read && c.sized > 0;
-        DWORD allocSize = allocate(0x0a, 16, &hasHelper);
-        EXPECT_TRUE(c.sized == -2 || allocSize == DWORD(16 + c.sized)) << allocSize;
+        DWORD allocSize = 1;
+        EXPECT_EQ(m_Indexer.AllocateIndexBuffer(kBucket, c.size, &hasHelper, &allocSize), c.fits);
+        EXPECT_EQ(allocSize, c.fits ? c.size + DWORD(std::max(c.sized, 0)) : 0);
         EXPECT_EQ(hasHelper, c.sized > 0);
-        if (c.read != c.sized)
-            c.read < 0 ? void(QFile::remove(path)) : nxtest::writeFile(path, letters.left(c.read));
-        EXPECT_EQ(m_Indexer.ReadHelperFile(0x0a), loaded) << c.sized << " then " << c.read;
-        EXPECT_EQ(m_Indexer.m_EntryCursor - m_Indexer.m_EntryTable, loaded ? 48 : 0);
-        EXPECT_EQ(tableBytes(loaded ? c.sized : 16), loaded ? letters.left(c.sized) : QByteArray(16, '\0'));
-        EXPECT_EQ(m_Indexer.m_EntryTableOverflow, c.read == 64);
+        EXPECT_EQ(m_Indexer.m_EntryTable != nullptr, c.fits);
+        if (c.fits) {
+            if (c.read != c.sized)
+                c.read < 0 ? void(QFile::remove(path)) : nxtest::writeFile(path, letters.left(c.read));
+            EXPECT_EQ(m_Indexer.ReadHelperFile(kBucket), loaded);
+            EXPECT_EQ(m_Indexer.m_EntryCursor - m_Indexer.m_EntryTable, loaded ? c.sized & ~15 : 0);
+            EXPECT_EQ(tableBytes(loaded ? c.sized : 16), loaded ? letters.left(c.sized) : QByteArray(16, '\0'));
+            EXPECT_EQ(m_Indexer.m_EntryTableOverflow, c.read == 64);
+        }
         EXPECT_EQ(takeLog(), c.log);
+        m_Indexer.ReleaseIndexBuffer();
     }
 }
 
