@@ -128,8 +128,8 @@ TEST_F(EntryTable, AllocationCountsTheHelperWhichLoadsAtTheHeadUnlessItChanged)
         return errorLog("AllocateIndexBuffer",
                         QString("Error: Bucket 07 too large to index - %1 bytes, more than 65535 records").arg(bytes));
     };
-    const QStringList tooSmall = errorLog("ReadHelperFile", "Error: Entry table too small for the following "
-                                                            "file(helper buffer) - " + path + " (64 bytes, room for 48)");
+    const QStringList tooSmall = errorLog("ReadHelperFile", "Error: Entry table too small for the following file(helper "
+                                                            "buffer) - " + path + " (64 bytes, room for 48)");
     // The new bytes; the helper's size when sized and when read (-1: gone by then; -2: a
     // directory, refused when sizing and not opened when read, and last as it stays).
     const struct { DWORD size; int sized, read; bool fits; QStringList log; } cases[] = {

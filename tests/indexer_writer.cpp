@@ -133,10 +133,9 @@ TEST_F(Writer, RotationReplacesAllThreeOrPutsBackTheFilesAlreadyMoved)
             QDir().mkpath(indexPath(kFiles[c.failing], Generation::Previous, 0x4c) + "/in-the-way");
         }
         EXPECT_EQ(writeBucket(0x4c, contentOf(IndexFile::Entry, 2)), c.failing < 0);
-        const QString moveFailed = "Error:MoveFileEx failed for the following file- ";
-        EXPECT_EQ(takeLog(), c.failing < 0 ? QStringList()
-                                           : errorLog("WriteAllIndexing", moveFailed + indexPath(kFiles[c.failing],
-                                                                                                 Generation::Pending, 0x4c)));
+        const QString moveFailed = "Error:MoveFileEx failed for the following file- ",
+                      blocked = c.failing < 0 ? "" : indexPath(kFiles[c.failing], Generation::Pending, 0x4c);
+        EXPECT_EQ(takeLog(), c.failing < 0 ? QStringList() : errorLog("WriteAllIndexing", moveFailed + blocked));
         EXPECT_NE(m_Indexer.m_SbfOffsets[0x4c], 0u);  // appended before the rotation
         EXPECT_TRUE(c.failing >= 0 || existing() == onlyCurrent);
         for (int i = 0; i < 3; ++i) {
