@@ -76,6 +76,29 @@ mode_t defaultFileMode()
 
 }  // namespace
 
+namespace {
+
+// open(2) without following a link and without waiting on a FIFO, then only
+// a regular file is kept: -1 with errno set otherwise.
+int openRegular(const char* path, int flags, struct stat* info)
+{
+    const int fd = ::open(path, flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0666);
+    if (fd < 0)
+        return -1;
+    if (::fstat(fd, info) != 0) {
+        closeKeepingErrno(fd);
+        return -1;
+    }
+    if (!S_ISREG(info->st_mode)) {
+        ::close(fd);
+        errno = specialEntryError(info->st_mode);
+        return -1;
+    }
+    return fd;  // O_NONBLOCK means nothing for a regular file
+}
+
+}  // namespace
+
 FILE* openFile(const char* path, const char* mode)
 {
     bool truncate = false;
@@ -84,21 +107,11 @@ FILE* openFile(const char* path, const char* mode)
         errno = EINVAL;
         return nullptr;
     }
-    // O_NONBLOCK: opening a FIFO must not wait for a writer.
-    const int fd = ::open(path, flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0666);
+    struct stat info;
+    const int fd = openRegular(path, flags, &info);
     if (fd < 0)
         return nullptr;
-    struct stat info;
-    if (::fstat(fd, &info) != 0) {
-        closeKeepingErrno(fd);
-        return nullptr;
-    }
-    if (!S_ISREG(info.st_mode)) {
-        ::close(fd);
-        errno = specialEntryError(info.st_mode);
-        return nullptr;
-    }
-    if (::fcntl(fd, F_SETFL, flags & O_APPEND) != 0 || (truncate && ::ftruncate(fd, 0) != 0)) {
+    if (truncate && info.st_size != 0 && ::ftruncate(fd, 0) != 0) {
         closeKeepingErrno(fd);
         return nullptr;
     }
@@ -107,6 +120,33 @@ FILE* openFile(const char* path, const char* mode)
         closeKeepingErrno(fd);
     return file;
 }
+
+int openForReading(const char* path, qint64* size)
+{
+    struct stat info;
+    const int fd = openRegular(path, O_RDONLY, &info);
+    if (fd >= 0)
+        *size = info.st_size;
+    return fd;
+}
+
+size_t readUpTo(int fd, void* buffer, size_t length, qint64 offset)
+{
+    size_t got = 0;
+    while (got < length) {
+        const ssize_t n = ::pread(fd, static_cast<char*>(buffer) + got, length - got, off_t(offset) + off_t(got));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        got += size_t(n);
+    }
+    return got;
+}
+
+bool readAt(int fd, void* buffer, size_t length, qint64 offset) { return readUpTo(fd, buffer, length, offset) == length; }
+
+void closeFd(int fd) { ::close(fd); }
 
 bool syncFile(FILE* file) { return std::fflush(file) == 0 && ::fdatasync(fileno(file)) == 0; }
 

@@ -21,6 +21,16 @@ namespace fileio {
 // with errno set when refused or when the open fails.
 FILE* openFile(const char* path, const char* mode);
 
+// open(2) for reading with the refusals of openFile; the file's size in
+// *size. -1 with errno set when refused or when the open fails.
+int openForReading(const char* path, qint64* size);
+// Reads up to length bytes from offset (fewer at the end of the file or on
+// an error, with errno set); returns how many arrived.
+size_t readUpTo(int fd, void* buffer, size_t length, qint64 offset);
+// True when exactly length bytes arrived from offset.
+bool readAt(int fd, void* buffer, size_t length, qint64 offset);
+void closeFd(int fd);
+
 // Flushes the stream and puts its data on disk; false when either fails.
 bool syncFile(FILE* file);
 // Puts the directory's entries (renames, new and removed names) on disk.

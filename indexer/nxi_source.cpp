@@ -14,59 +14,42 @@
 
 namespace {
 
-enum class SlotRead { Ok, SeekFailed, ReadFailed };
-
-// Reads count consecutive 32-bit slots of the bucket start table from offset on.
-SlotRead readStartSlots(FILE* file, DWORD offset, DWORD* slots, int count)
-{
-    if (fseek(file, long(offset), SEEK_SET) != 0)
-        return SlotRead::SeekFailed;
-    for (int i = 0; i < count; ++i) {
-        unsigned char bytes[4];
-        if (fread(bytes, 1, sizeof bytes, file) != sizeof bytes)
-            return SlotRead::ReadFailed;
-        slots[i] = nxformat::readLE32(bytes);
-    }
-    return SlotRead::Ok;
-}
-
 // Bucket 0 starts at record 0 and reads only the start of bucket 1; bucket
-// 255 reads its own start and ends with the file (taken by the caller).
-SlotRead readBucketStartSlots(FILE* file, int bucket, DWORD* range)
+// 255 reads its own start and ends with the file (taken by the caller). Only
+// those 4 or 8 bytes of the start table are read, in one positioned read.
+bool readBucketStartSlots(int fd, int bucket, DWORD* range)
 {
-    if (bucket == 0)
-        return readStartSlots(file, nxformat::bucketStartSlotOffset(1), range + 1, 1);
-    int slots = bucket < nxformat::kBucketCount - 1 ? 2 : 1;
-    return readStartSlots(file, nxformat::bucketStartSlotOffset(bucket), range, slots);
+    const int first = bucket == 0 ? 1 : bucket;
+    const int count = bucket == 0 || bucket == nxformat::kBucketCount - 1 ? 1 : 2;
+    unsigned char bytes[8];
+    if (!fileio::readAt(fd, bytes, size_t(4 * count), nxformat::bucketStartSlotOffset(first)))
+        return false;
+    for (int i = 0; i < count; ++i)
+        range[(bucket == 0 ? 1 : 0) + i] = nxformat::readLE32(bytes + 4 * i);
+    return true;
 }
 
 } // namespace
 
 bool nxi::GetIndexHighAndLow(char* path, int bucket, DWORD* low, DWORD* high)
 {
-    FILE* file = fileio::openFile(path, "rb");
-    if (!file) {
+    qint64 size = 0;
+    const int fd = fileio::openForReading(path, &size);
+    if (fd < 0) {
         int err = errno;
         NXI_ERROR("Could not open following db file- %s - code -> %d ", path, err);
         return false;
     }
     // range[0] is low, range[1] high.
     DWORD range[2] = {0, 0};
-    SlotRead read = readBucketStartSlots(file, bucket, range);
-    if (read == SlotRead::SeekFailed) {
-        if (bucket == 0)
-            NXI_ERROR("Error: SetFilePointer failed for following file - %s", path);
-        else
-            NXI_ERROR("SetFilePointer failed for following file - %s", path);
-    } else if (read == SlotRead::ReadFailed) {
+    const bool read = readBucketStartSlots(fd, bucket, range);
+    if (!read)
         NXI_ERROR("Error: ReadFile failed for the following file- %s", path);
-    }
-    fclose(file);
-    if (read != SlotRead::Ok)
+    fileio::closeFd(fd);
+    if (!read)
         return false;
 
-    QString pathText = QString::fromUtf8(path);
-    uint64_t fileSize = uint64_t(m_CommonFun->GetFileSize(pathText));
+    const uint64_t fileSize = uint64_t(size);
     if (bucket == nxformat::kBucketCount - 1) {
         if (DWORD(fileSize) == 0) {
             NXI_ERROR("Error: Getfilesize failed for following file - %s", path);
@@ -98,29 +81,22 @@ bool nxi::ReadIndexBuffer(char* path, DWORD offset, DWORD length)
         return false;
     }
 
-    FILE* file = fileio::openFile(path, "rb");
-    if (!file) {
+    qint64 size = 0;
+    const int fd = fileio::openForReading(path, &size);
+    if (fd < 0) {
         int err = errno;
         NXI_ERROR("Could not open following db file: %s - code -> %d ", path, err);
         return false;
     }
-    if (fseek(file, long(offset), SEEK_SET) != 0) {
-        int err = errno;
-        NXI_ERROR("Error: SetFilePointer failed for following file(read buffer) -> %d ", err);
-        errno = err;
-        NXI_ERROR("%s", path);  // the path as plain text
-        fclose(file);
-        return false;
-    }
-    size_t got = length > 0 ? fread(m_EntryCursor, 1, length, file) : 0;
+    // One positioned read straight into the table: no seek that could fail.
+    const size_t got = fileio::readUpTo(fd, m_EntryCursor, length, offset);
+    fileio::closeFd(fd);
     if (got != length) {
         // Leave no partial range behind: the next range fills the same place.
         memset(m_EntryCursor, 0, got);
         NXI_ERROR("Error: ReadFile failed for the following file(read buffer) - %s", path);
-        fclose(file);
         return false;
     }
-    fclose(file);
     m_EntryCursor += got & ~size_t(nxformat::kRecordSize - 1);
     return true;
 }
