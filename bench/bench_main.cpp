@@ -35,6 +35,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <sys/vfs.h>
 #include <memory>
 #include <optional>
 
@@ -87,7 +88,9 @@ int usage()
                  "  --quick      one small installation and its second runs (a check that the\n"
                  "               outputs match, not a measurement)\n"
                  "  --keep       keep the work directory\n"
-                 "  --work DIR   work directory (default: a new one in the temporary directory)\n");
+                 "  --work DIR   work directory (default: a new one in /dev/shm, else in the\n"
+                 "               temporary directory); on a disk, file creation and syncs cost\n"
+                 "               what that disk makes them cost\n");
     return 2;
 }
 
@@ -132,6 +135,26 @@ QString loadAverage()
 {
     QFile file("/proc/loadavg");
     return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).section(' ', 0, 2) : QString("?");
+}
+
+// The kind of filesystem that holds path.
+QString filesystemType(const QString& path)
+{
+    struct statfs info;
+    if (::statfs(QFile::encodeName(path).constData(), &info) != 0)
+        return "unknown filesystem";
+    switch (static_cast<unsigned long>(info.f_type)) {
+    case 0x01021994UL:
+        return "tmpfs";
+    case 0xEF53UL:
+        return "ext2/3/4";
+    case 0x58465342UL:
+        return "xfs";
+    case 0x9123683EUL:
+        return "btrfs";
+    default:
+        return QString("filesystem 0x%1").arg(static_cast<unsigned long>(info.f_type), 0, 16);
+    }
 }
 
 QString machineLine()
@@ -410,9 +433,10 @@ int Bench::run()
     for (Program program : programs)
         clear(program);
 
-    std::printf("Machine: %s; load average %s at the start, %s at the end. Page cache warm, one database per "
-                "installation, helper files included.\n\n",
-                qPrintable(machineLine()), qPrintable(loadAtStart), qPrintable(loadAverage()));
+    std::printf("Machine: %s; load average %s at the start, %s at the end. Work directory on %s, page cache warm; "
+                "one database per installation, helper files included.\n\n",
+                qPrintable(machineLine()), qPrintable(loadAtStart), qPrintable(loadAverage()),
+                qPrintable(filesystemType(m_Work)));
     printReport(results, report);
     std::printf("\nBenchmark time: %.0f s.\n", clock.elapsed() / 1000.0);
     if (failed) {
@@ -435,9 +459,14 @@ int main(int argc, char** argv)
     std::unique_ptr<QTemporaryDir> temporary;
     QString work = options.work;
     if (work.isEmpty()) {
-        temporary = std::make_unique<QTemporaryDir>(QDir::tempPath() + "/nxbench-XXXXXX");
+        // Memory by default: the programs' own work is measured, without the
+        // disk's inode allocation and writeback, whose cost changes from run
+        // to run with whatever else the disk has been doing.
+        const QFileInfo shm("/dev/shm");
+        const QString parent = shm.isDir() && shm.isWritable() ? shm.filePath() : QDir::tempPath();
+        temporary = std::make_unique<QTemporaryDir>(parent + "/nxbench-XXXXXX");
         if (!temporary->isValid()) {
-            progress("nxbench: cannot create a work directory in " + QDir::tempPath());
+            progress("nxbench: cannot create a work directory in " + parent);
             return 1;
         }
         work = temporary->path();

@@ -156,33 +156,53 @@ void printSyscalls(const QVector<CaseResult>& results, const ReportOptions& opti
             std::printf("- %s: %s\n", qPrintable(r.label), qPrintable(topCalls(r.counts[Indexer], 8)));
 }
 
+// Least-squares line y = fixed + perUnit * x.
+void lineFit(const QVector<double>& x, const QVector<double>& y, double* fixed, double* perUnit)
+{
+    const int n = int(x.size());
+    double sx = 0, sy = 0, sxx = 0, sxy = 0;
+    for (int i = 0; i < n; ++i) {
+        sx += x[i];
+        sy += y[i];
+        sxx += x[i] * x[i];
+        sxy += x[i] * y[i];
+    }
+    const double denominator = n * sxx - sx * sx;
+    *perUnit = n < 2 || denominator == 0 ? NAN : (n * sxy - sx * sy) / denominator;
+    *fixed = std::isnan(*perUnit) ? NAN : (sy - *perUnit * sx) / n;
+}
+
 void printGrowth(const QVector<CaseResult>& results)
 {
-    // The first-run cases in two series: records per file at 64 files, and
-    // source files at 32,768 records.
-    auto series = [&](bool CaseResult::*member, int CaseResult::*size, Program program) {
-        QVector<double> x, y;
-        for (const CaseResult& r : results)
-            if (r.*member && medianOf(r, program, &Cost::cpu) > 0) {
-                x << double(r.*size);
-                y << medianOf(r, program, &Cost::cpu);
+    std::printf("\nGrowth of CPU time over the first runs, per series: the least-squares slope of log(CPU) "
+                "against log(size) (1.00 = linear, 2.00 = quadratic; below 1 while a fixed cost dominates), and "
+                "the least-squares line CPU = fixed + rate x source records.\n\n");
+    printHead({"Program", "Series", "log-log slope", "fixed s", "s per million records"});
+    for (Program p : {Indexer, Baseline}) {
+        for (bool CaseResult::*member : {&CaseResult::recordSeries, &CaseResult::fileSeries}) {
+            QVector<double> size, records, cpu;
+            QStringList sizes;
+            int fixedPart = 0;
+            for (const CaseResult& r : results) {
+                if (!(r.*member) || !(medianOf(r, p, &Cost::cpu) > 0))
+                    continue;
+                const bool byRecords = member == &CaseResult::recordSeries;
+                size << (byRecords ? r.recordsPerFile : r.files);
+                sizes << QString::number(byRecords ? r.recordsPerFile : r.files);
+                fixedPart = byRecords ? r.files : r.recordsPerFile;
+                records << double(r.filesMerged) * r.recordsPerFile / 1e6;
+                cpu << medianOf(r, p, &Cost::cpu);
             }
-        return logSlope(x, y);
-    };
-    QString recordsHead, filesHead;
-    for (const CaseResult& r : results) {
-        if (r.recordSeries)
-            recordsHead = QString("Records per file, %1 files").arg(r.files);
-        if (r.fileSeries)
-            filesHead = QString("Source files, %1 records each").arg(r.recordsPerFile);
+            if (size.size() < 2)
+                continue;
+            const QString series = member == &CaseResult::recordSeries
+                                       ? QString("%1 records per file, %2 files").arg(sizes.join("/")).arg(fixedPart)
+                                       : QString("%1 files, %2 records each").arg(sizes.join("/")).arg(fixedPart);
+            double fixed = 0, rate = 0;
+            lineFit(records, cpu, &fixed, &rate);
+            printRow({programName(p), series, ratio(logSlope(size, cpu)), seconds(fixed), seconds(rate)});
+        }
     }
-
-    std::printf("\nGrowth of CPU time: least-squares slope of log(CPU) against log(size) over the first runs "
-                "(1.00 = linear, 2.00 = quadratic), and CPU time per source record.\n\n");
-    printHead({"Program", recordsHead, filesHead});
-    for (Program p : {Indexer, Baseline})
-        printRow({programName(p), ratio(series(&CaseResult::recordSeries, &CaseResult::recordsPerFile, p)),
-                  ratio(series(&CaseResult::fileSeries, &CaseResult::files, p))});
     std::printf("\n");
     printHead({"Case", "Indexer ns per record", "Baseline ns per record"});
     for (const CaseResult& r : results) {
