@@ -8,6 +8,7 @@
 #include "commonfun.h"
 
 #include "fileio.h"
+#include "plainini.h"
 
 #include <QDir>
 #include <QFile>
@@ -94,6 +95,10 @@ QVariant iniValue(const QString& section, const QString& key, const QVariant& de
     const std::optional<QByteArray> text = fileio::readAll(file, kMaxIniFileSize);
     if (!text || text->isEmpty())
         return defaultValue;
+    if (const std::optional<plainini::Text> plain = plainini::parse(*text)) {
+        const QMap<QByteArray, QByteArray> keys = plain->value(section.toUtf8());
+        return keys.contains(key.toUtf8()) ? QVariant(QString::fromUtf8(keys.value(key.toUtf8()))) : defaultValue;
+    }
     const QString scratch = scratchFileWith(*text);
     if (scratch.isEmpty())
         return defaultValue;
@@ -108,6 +113,41 @@ QVariant iniValue(const QString& section, const QString& key, const QVariant& de
     return value;
 }
 
+// The text after section/key is set to value: formed directly when the file
+// is plain INI text (see plainini.h), else by QSettings. The first plain save
+// that adds a section and the first that does not are also formed by
+// QSettings and compared; should this Qt write plain text differently, every
+// later save goes through QSettings.
+std::optional<QByteArray> iniTextWith(const QByteArray& current, const QString& section, const QString& key,
+                                      const QString& value)
+{
+    auto byQSettings = [&] {
+        return editedIniText(current, [&](QSettings& settings) {
+            settings.beginGroup(section);
+            settings.setValue(key, value);
+            settings.endGroup();
+        });
+    };
+    enum Check { Unchecked, Agrees, Differs };
+    static Check plainAgrees[2] = {Unchecked, Unchecked};  // [adds a section]
+    std::optional<plainini::Text> plain = plainini::parse(current);
+    const QByteArray name = section.toUtf8(), entry = key.toUtf8(), data = value.toUtf8();
+    if (!plain || !plainini::isPlainName(name) || !plainini::isPlainName(entry) || !plainini::isPlainValue(data))
+        return byQSettings();
+    Check& check = plainAgrees[plain->contains(name) ? 0 : 1];
+    if (check == Differs)
+        return byQSettings();
+    (*plain)[name][entry] = data;
+    const QByteArray text = plainini::format(*plain);
+    if (check == Unchecked) {
+        const std::optional<QByteArray> checked = byQSettings();
+        if (checked)
+            check = *checked == text ? Agrees : Differs;
+        return checked;
+    }
+    return text;
+}
+
 }  // namespace
 
 bool commonfun::WritePrivateProfileString(QString section, QString key, QString value, QString file)
@@ -119,11 +159,7 @@ bool commonfun::WritePrivateProfileString(QString section, QString key, QString 
         current = QByteArray();
     if (!current)
         return false;
-    const std::optional<QByteArray> edited = editedIniText(*current, [&](QSettings& settings) {
-        settings.beginGroup(section);
-        settings.setValue(key, value);
-        settings.endGroup();
-    });
+    const std::optional<QByteArray> edited = iniTextWith(*current, section, key, value);
     if (!edited)
         return false;
     return *edited == *current || fileio::replaceContents(file, *edited);

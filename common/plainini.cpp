@@ -1,0 +1,75 @@
+#include "plainini.h"
+
+namespace plainini {
+
+namespace {
+
+bool isNameChar(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-' ||
+           c == '.';
+}
+
+}  // namespace
+
+bool isPlainName(const QByteArray& name)
+{
+    if (name.isEmpty() || name.compare("general", Qt::CaseInsensitive) == 0)
+        return false;  // QSettings writes the section "General" as "%General"
+    for (char c : name)
+        if (!isNameChar(c))
+            return false;
+    return true;
+}
+
+bool isPlainValue(const QByteArray& value)
+{
+    if (value.startsWith('@'))
+        return false;  // QSettings doubles a leading "@"
+    for (char c : value)
+        if (!isNameChar(c) && c != '#' && c != '+')
+            return false;
+    return true;
+}
+
+QByteArray format(const Text& sections)
+{
+    QByteArray text;
+    for (auto section = sections.cbegin(); section != sections.cend(); ++section) {
+        if (!text.isEmpty())
+            text += '\n';
+        text += '[' + section.key() + "]\n";
+        for (auto key = section->cbegin(); key != section->cend(); ++key)
+            text += key.key() + '=' + key.value() + '\n';
+    }
+    return text;
+}
+
+std::optional<Text> parse(const QByteArray& text)
+{
+    Text sections;
+    QMap<QByteArray, QByteArray>* current = nullptr;
+    for (const QByteArray& line : text.split('\n')) {
+        if (line.isEmpty())
+            continue;  // blank lines, order and line ends are checked against format() below
+        if (line.startsWith('[') && line.endsWith(']')) {
+            const QByteArray name = line.mid(1, line.size() - 2);
+            if (!isPlainName(name) || sections.contains(name))
+                return std::nullopt;
+            current = &sections[name];
+            continue;
+        }
+        const int equals = line.indexOf('=');
+        if (!current || equals < 0)
+            return std::nullopt;
+        const QByteArray key = line.left(equals), value = line.mid(equals + 1);
+        if (!isPlainName(key) || !isPlainValue(value) || current->contains(key))
+            return std::nullopt;
+        current->insert(key, value);
+    }
+    if (format(sections) != text)
+        return std::nullopt;
+    return sections;
+}
+
+}  // namespace plainini
