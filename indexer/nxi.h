@@ -1,6 +1,8 @@
 #ifndef NXI_NXI_H
 #define NXI_NXI_H
 
+#include "sourcefiles.h"
+
 #include <QString>
 
 #include <cstdint>
@@ -86,6 +88,8 @@ public:
     // had to be refused because it would not fit (the bucket is then given up).
     unsigned char* m_EntryTableEnd;
     bool m_EntryTableOverflow;
+    // The current database's source files, kept open while it is indexed.
+    SourceFiles m_SourceFiles;
 
 private:
     // Private steps of the public operations. Each reports under the name of

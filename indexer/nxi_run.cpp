@@ -67,6 +67,7 @@ void nxi::StartIndexer(char* dbName)
         QThread::msleep(kBucketPauseMs);
         IndexBucket(bucket, lastMerged[bucket], dbCount, NXI_OPERATION);
     }
+    m_SourceFiles.closeAll();
     CompleteStatusFile(NXI_OPERATION);
 }
 

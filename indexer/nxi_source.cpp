@@ -34,7 +34,7 @@ bool readBucketStartSlots(int fd, int bucket, DWORD* range)
 bool nxi::GetIndexHighAndLow(char* path, int bucket, DWORD* low, DWORD* high)
 {
     qint64 size = 0;
-    const int fd = fileio::openForReading(path, &size);
+    const int fd = m_SourceFiles.open(path, &size);
     if (fd < 0) {
         int err = errno;
         NXI_ERROR("Could not open following db file- %s - code -> %d ", path, err);
@@ -45,7 +45,6 @@ bool nxi::GetIndexHighAndLow(char* path, int bucket, DWORD* low, DWORD* high)
     const bool read = readBucketStartSlots(fd, bucket, range);
     if (!read)
         NXI_ERROR("Error: ReadFile failed for the following file- %s", path);
-    fileio::closeFd(fd);
     if (!read)
         return false;
 
@@ -82,7 +81,7 @@ bool nxi::ReadIndexBuffer(char* path, DWORD offset, DWORD length)
     }
 
     qint64 size = 0;
-    const int fd = fileio::openForReading(path, &size);
+    const int fd = m_SourceFiles.open(path, &size);
     if (fd < 0) {
         int err = errno;
         NXI_ERROR("Could not open following db file: %s - code -> %d ", path, err);
@@ -90,7 +89,6 @@ bool nxi::ReadIndexBuffer(char* path, DWORD offset, DWORD length)
     }
     // One positioned read straight into the table: no seek that could fail.
     const size_t got = fileio::readUpTo(fd, m_EntryCursor, length, offset);
-    fileio::closeFd(fd);
     if (got != length) {
         // Leave no partial range behind: the next range fills the same place.
         memset(m_EntryCursor, 0, got);
