@@ -162,3 +162,41 @@ TEST_F(EntryTable, AllocationCountsTheHelperWhichLoadsAtTheHeadUnlessItChanged)
 }
 
 } // namespace
+
+// A source file stays open between calls, yet every call reads what a fresh
+// open would: the file rewritten, replaced, turned into a link or removed.
+TEST_F(EntryTable, KeptSourceFilesFollowWhatThePathNamesNow)
+{
+    const QString path = sourcePath(0);
+    const QString opened = "Could not open following db file- " + path + " - code -> %1 ";
+    const struct { const char* change; std::vector<DWORD> range; QStringList log; } steps[] = {
+        {"write", {2, 5}, {}},
+        {"rewrite", {2, 6}, {}},  // one record more in bucket 2, in place
+        {"replace", {2, 5}, {}},  // a new file renamed over it
+        {"link", {}, errorLog("GetIndexHighAndLow", opened.arg(ELOOP))},
+        {"remove", {}, errorLog("GetIndexHighAndLow", opened.arg(ENOENT))}};
+    for (const auto& step : steps) {
+        const QString change = step.change;
+        QVector<QByteArray> buckets(4);
+        for (uint32_t r = 0; r < (change == "rewrite" ? 11u : 10u); ++r)
+            buckets[r < 2 ? 0 : r < (change == "rewrite" ? 6 : 5) ? 2 : 3] += nxtest::makeRecord(1000 + r, r);
+        if (change == "write") {
+            nxtest::writeFile(path, nxformat::buildSourceFile(buckets));
+        } else if (change == "rewrite") {
+            QFile file(path);
+            ASSERT_TRUE(file.open(QIODevice::ReadWrite));  // the same inode
+            file.write(nxformat::buildSourceFile(buckets));
+        } else if (change == "replace") {
+            nxtest::writeFile(path + ".new", nxformat::buildSourceFile(buckets));
+            ASSERT_TRUE(QFile::remove(path) && QFile::rename(path + ".new", path));
+        } else {
+            QFile::rename(path, path + ".old");
+            if (change == "link")
+                QFile::link(path + ".old", path);
+        }
+        EXPECT_EQ(range(2), step.range) << step.change;
+        EXPECT_EQ(takeLog(), step.log) << step.change;
+        if (change == "link")
+            QFile::remove(path);
+    }
+}
