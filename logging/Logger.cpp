@@ -6,12 +6,12 @@
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QFileInfo>
-#include <QLocale>
 #include <QStringList>
 
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 namespace LOGGER {
 
@@ -19,7 +19,6 @@ CLogger* CLogger::m_Instance = nullptr;
 
 namespace {
 
-constexpr char kTimeFormat[] = "yyyy-MM-dd hh:mm:ss:zzz";
 // glibc reads "ra+" as "r+": reading and writing, the file is neither created
 // nor truncated, and writes land at the current position.
 constexpr char kUpdateMode[] = "ra+";
@@ -235,12 +234,23 @@ QString CLogger::getProperMethodName(QString const& decoratedName)
     return decoratedName.mid(start, end - start);
 }
 
+// The local time as "yyyy-MM-dd hh:mm:ss:zzz". localtime_r reads the time
+// zone once per process, where QDateTime::currentDateTime() consulted the
+// zone file again for every line.
 char* CLogger::getCurrentTime()
 {
-    m_CurrentTime = QDateTime::currentDateTime();
-    // The C locale keeps the digits ASCII, so the text is always 23 bytes.
-    QByteArray text = QLocale::c().toString(m_CurrentTime, kTimeFormat).toUtf8();
-    snprintf(m_TimeBuffer, sizeof m_TimeBuffer, "%s", text.constData());
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    struct tm local;
+    localtime_r(&now.tv_sec, &local);
+    const int msec = int(now.tv_nsec / 1000000);
+    m_CurrentTime = QDateTime(QDate(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday),
+                              QTime(local.tm_hour, local.tm_min, local.tm_sec, msec), Qt::OffsetFromUTC,
+                              int(local.tm_gmtoff));
+    char text[96];  // room for any int in every field; a real date takes 23 characters
+    snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d:%03d", local.tm_year + 1900, local.tm_mon + 1,
+             local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, msec);
+    snprintf(m_TimeBuffer, sizeof m_TimeBuffer, "%.23s", text);
     return m_TimeBuffer;
 }
 
