@@ -44,12 +44,13 @@ QString count(double value) { return QString::number(value, 'f', 0); }
 
 void printRow(const QStringList& cells) { std::printf("| %s |\n", qPrintable(cells.join(" | "))); }
 
-void printHead(const QStringList& cells)
+// A table head; the first textColumns columns are text, the others numbers.
+void printHead(const QStringList& cells, int textColumns = 1)
 {
     printRow(cells);
     QStringList rule;
     for (int i = 0; i < cells.size(); ++i)
-        rule << (i == 0 ? "---" : "---:");
+        rule << (i < textColumns ? "---" : "---:");
     printRow(rule);
 }
 
@@ -177,27 +178,31 @@ void printGrowth(const QVector<CaseResult>& results)
     std::printf("\nGrowth of CPU time over the first runs, per series: the least-squares slope of log(CPU) "
                 "against log(size) (1.00 = linear, 2.00 = quadratic; below 1 while a fixed cost dominates), and "
                 "the least-squares line CPU = fixed + rate x source records.\n\n");
-    printHead({"Program", "Series", "log-log slope", "fixed s", "s per million records"});
+    printHead({"Program", "Series", "log-log slope", "fixed s", "s per million records"}, 2);
     for (Program p : {Indexer, Baseline}) {
         for (bool CaseResult::*member : {&CaseResult::recordSeries, &CaseResult::fileSeries}) {
+            const bool byRecords = member == &CaseResult::recordSeries;
+            QVector<const CaseResult*> cases;
+            for (const CaseResult& r : results)
+                if (r.*member && medianOf(r, p, &Cost::cpu) > 0)
+                    cases << &r;
+            std::sort(cases.begin(), cases.end(), [&](const CaseResult* a, const CaseResult* b) {
+                return byRecords ? a->recordsPerFile < b->recordsPerFile : a->files < b->files;
+            });
             QVector<double> size, records, cpu;
             QStringList sizes;
             int fixedPart = 0;
-            for (const CaseResult& r : results) {
-                if (!(r.*member) || !(medianOf(r, p, &Cost::cpu) > 0))
-                    continue;
-                const bool byRecords = member == &CaseResult::recordSeries;
-                size << (byRecords ? r.recordsPerFile : r.files);
-                sizes << QString::number(byRecords ? r.recordsPerFile : r.files);
-                fixedPart = byRecords ? r.files : r.recordsPerFile;
-                records << double(r.filesMerged) * r.recordsPerFile / 1e6;
-                cpu << medianOf(r, p, &Cost::cpu);
+            for (const CaseResult* r : cases) {
+                size << (byRecords ? r->recordsPerFile : r->files);
+                sizes << QString::number(byRecords ? r->recordsPerFile : r->files);
+                fixedPart = byRecords ? r->files : r->recordsPerFile;
+                records << double(r->filesMerged) * r->recordsPerFile / 1e6;
+                cpu << medianOf(*r, p, &Cost::cpu);
             }
             if (size.size() < 2)
                 continue;
-            const QString series = member == &CaseResult::recordSeries
-                                       ? QString("%1 records per file, %2 files").arg(sizes.join("/")).arg(fixedPart)
-                                       : QString("%1 files, %2 records each").arg(sizes.join("/")).arg(fixedPart);
+            const QString format = byRecords ? "%1 records per file, %2 files" : "%1 files, %2 records each";
+            const QString series = format.arg(sizes.join("/")).arg(fixedPart);
             double fixed = 0, rate = 0;
             lineFit(records, cpu, &fixed, &rate);
             printRow({programName(p), series, ratio(logSlope(size, cpu)), seconds(fixed), seconds(rate)});
