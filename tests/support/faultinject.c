@@ -6,11 +6,18 @@
  *   NXFAULT_FAMILY  open (for writing) | write | close | read | rename | unlink | mkdir | sync
  *   NXFAULT_NTH     fail the N-th call of the family (1-based); 0 or unset: every call
  *   NXFAULT_MATCH   count only calls whose path (or the fd's path) contains this text
+ *   NXFAULT_SKIP    never count calls whose path contains one of these ':'-separated
+ *                   texts (e.g. "/logs/:/proc/")
  *   NXFAULT_ACTION  fail (default) | kill (SIGKILL at that call)
  *   NXFAULT_ERRNO   errno of the failure (default: ENOSPC for open, write and close,
  *                   EIO for read, rename and sync, EACCES for unlink and mkdir)
  *   NXFAULT_TRACE   file that gets one line per call of any family: "<family> <path>"
- *   NXFAULT_COUNT   file that gets "<calls> <failed>" of the family at exit
+ *   NXFAULT_COUNT   file that gets "<calls> <failed>" of the family at exit, followed by
+ *                   " <path>" of the failed call when one failed; with NXFAULT_ACTION=kill
+ *                   it gets "<calls> killed <path>" just before the kill
+ *
+ * A failed fread or fwrite also sets the stream's error indicator, as the real
+ * failure does; read covers read, pread and fread.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -31,7 +38,8 @@ static const int kDefaultErrno[] = {ENOSPC, ENOSPC, ENOSPC, EIO, EIO, EACCES, EA
 
 static int g_family = -1, g_errno, g_kill;
 static long g_nth, g_calls, g_failed;
-static const char* g_match;
+static const char *g_match, *g_skip;
+static char g_failedPath[4096]; /* the call that failed, for NXFAULT_COUNT */
 static __thread int g_inside; /* our own calls while tracing are not counted */
 
 #define REAL(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
@@ -44,11 +52,14 @@ __attribute__((constructor)) static void setUp(void)
             g_family = i;
     g_nth = getenv("NXFAULT_NTH") ? atol(getenv("NXFAULT_NTH")) : 0;
     g_match = getenv("NXFAULT_MATCH");
+    g_skip = getenv("NXFAULT_SKIP");
+    if (g_skip && !*g_skip)
+        g_skip = NULL;
     g_kill = getenv("NXFAULT_ACTION") && strcmp(getenv("NXFAULT_ACTION"), "kill") == 0;
     g_errno = getenv("NXFAULT_ERRNO") ? atoi(getenv("NXFAULT_ERRNO")) : (g_family >= 0 ? kDefaultErrno[g_family] : 0);
 }
 
-__attribute__((destructor)) static void tearDown(void)
+static void writeCount(int killed)
 {
     const char* path = getenv("NXFAULT_COUNT");
     if (!path)
@@ -56,10 +67,15 @@ __attribute__((destructor)) static void tearDown(void)
     g_inside = 1;
     FILE* out = REAL(fopen)(path, "w");
     if (out) {
-        fprintf(out, "%ld %ld\n", g_calls, g_failed);
+        if (killed)
+            fprintf(out, "%ld killed %s\n", g_calls, g_failedPath);
+        else
+            fprintf(out, "%ld %ld%s%s\n", g_calls, g_failed, g_failed ? " " : "", g_failedPath);
         REAL(fclose)(out);
     }
 }
+
+__attribute__((destructor)) static void tearDown(void) { writeCount(0); }
 
 static void fdPath(int fd, char* path, size_t size)
 {
@@ -86,6 +102,23 @@ static void trace(int family, const char* path, const char* to)
     g_inside = 0;
 }
 
+static int skipped(const char* path)
+{
+    for (const char* text = g_skip; text && *text;) {
+        const char* end = strchr(text, ':');
+        const size_t length = end ? (size_t)(end - text) : strlen(text);
+        char part[256];
+        if (length > 0 && length < sizeof part) {
+            memcpy(part, text, length);
+            part[length] = '\0';
+            if (strstr(path, part))
+                return 1;
+        }
+        text = end ? end + 1 : NULL;
+    }
+    return 0;
+}
+
 /* True when this call is to fail (errno is then set); kills when asked to. */
 static int fault(int family, const char* path, const char* to)
 {
@@ -96,11 +129,16 @@ static int fault(int family, const char* path, const char* to)
     errno = saved;
     if (family != g_family || (g_match && !strstr(path, g_match) && !(to && strstr(to, g_match))))
         return 0;
+    if (skipped(path) || (to && skipped(to)))
+        return 0;
     ++g_calls;
     if (g_nth != 0 && g_calls != g_nth)
         return 0;
-    if (g_kill)
+    snprintf(g_failedPath, sizeof g_failedPath, "%s%s%s", path, to ? " " : "", to ? to : "");
+    if (g_kill) {
+        writeCount(1);
         raise(SIGKILL);
+    }
     ++g_failed;
     errno = g_errno;
     return 1;
@@ -156,12 +194,28 @@ FILE* fopen64(const char* path, const char* mode)
 ssize_t write(int fd, const void* data, size_t size) { return faultFd(WRITE, fd) ? -1 : REAL(write)(fd, data, size); }
 size_t fwrite(const void* data, size_t size, size_t count, FILE* stream)
 {
-    return faultFd(WRITE, fileno(stream)) ? 0 : REAL(fwrite)(data, size, count, stream);
+    if (faultFd(WRITE, fileno(stream))) {
+        stream->_flags |= _IO_ERR_SEEN;
+        return 0;
+    }
+    return REAL(fwrite)(data, size, count, stream);
 }
 ssize_t read(int fd, void* data, size_t size) { return faultFd(READ, fd) ? -1 : REAL(read)(fd, data, size); }
+ssize_t pread(int fd, void* data, size_t size, off_t offset)
+{
+    return faultFd(READ, fd) ? -1 : REAL(pread)(fd, data, size, offset);
+}
+ssize_t pread64(int fd, void* data, size_t size, off64_t offset)
+{
+    return faultFd(READ, fd) ? -1 : REAL(pread64)(fd, data, size, offset);
+}
 size_t fread(void* data, size_t size, size_t count, FILE* stream)
 {
-    return faultFd(READ, fileno(stream)) ? 0 : REAL(fread)(data, size, count, stream);
+    if (faultFd(READ, fileno(stream))) {
+        stream->_flags |= _IO_ERR_SEEN;
+        return 0;
+    }
+    return REAL(fread)(data, size, count, stream);
 }
 
 /* A failing close loses what was still buffered, as a full disk does. */
