@@ -213,8 +213,9 @@ struct EntryRecord {
 };
 
 // The indexer's order: ascending unsigned key when the keys span less than
-// 2^31 (std::sort, so that records with equal keys end in the same order as
-// the indexer's), otherwise qsort with the wrapped key difference.
+// 2^31, records with equal keys kept in table order (helper records first,
+// then the source files in ascending number), as the indexer's stable sort
+// keeps them; otherwise qsort with the wrapped key difference.
 void sortTable(unsigned char* table, DWORD count)
 {
     if (count < 2)
@@ -225,7 +226,7 @@ void sortTable(unsigned char* table, DWORD count)
     auto byKey = [&](const EntryRecord& a, const EntryRecord& b) { return keyOf(a) < keyOf(b); };
     auto [lowest, highest] = std::minmax_element(first, last, byKey);
     if (keyOf(*highest) - keyOf(*lowest) < 0x80000000u) {
-        std::sort(first, last, byKey);
+        std::stable_sort(first, last, byKey);
         return;
     }
     qsort(table, count, nxformat::kRecordSize, [](const void* a, const void* b) {

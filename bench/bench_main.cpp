@@ -287,34 +287,37 @@ QString Bench::measure(Program program, const QString& input, Cost* cost)
     return error;
 }
 
-// The baselines' trees against the indexer's. The first mismatch's trees
-// are kept under <work>/mismatch.
+// The baselines' trees against the indexer's. The trees of the first case
+// with a mismatch are kept under <work>/mismatch.
 bool Bench::checkOutputs(const CaseSpec& spec, int round, const QVector<Program>& programs)
 {
-    bool same = true;
+    QVector<Program> differing;
     for (Program program : programs) {
         if (program == Indexer)
             continue;
         const QStringList differences = compareTrees(host(Indexer), host(program), 10);
         if (differences.isEmpty())
             continue;
-        same = false;
-        progress(QString("\n*** OUTPUT MISMATCH: %1, round %2: %3 differs from the indexer under %4:")
+        differing << program;
+        progress(QString("\n*** OUTPUT MISMATCH: %1, round %2: %3 differs from the indexer:")
                      .arg(spec.label())
                      .arg(round + 1)
-                     .arg(programName(program), host(program)));
+                     .arg(programName(program)));
         for (const QString& difference : differences)
             progress("***   " + difference);
-        if (!m_Mismatch) {
-            const QString kept = m_Work + "/mismatch/" + spec.id();
-            QDir().mkpath(kept);
-            QDir().rename(host(Indexer), kept + "/indexer");
-            QDir().rename(host(program), kept + "/" + QString(programName(program)).remove(' '));
-            progress("***   both trees kept under " + kept + "\n");
-        }
-        m_Mismatch = true;
     }
-    return same;
+    if (differing.isEmpty())
+        return true;
+    if (!m_Mismatch) {
+        const QString kept = m_Work + "/mismatch/" + spec.id();
+        QDir().mkpath(kept);
+        differing.prepend(Indexer);
+        for (Program program : differing)
+            QDir().rename(host(program), kept + "/" + QString(programName(program)).remove(' '));
+        progress("***   the trees are kept under " + kept + "\n");
+    }
+    m_Mismatch = true;
+    return false;
 }
 
 int Bench::run()
