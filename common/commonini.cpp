@@ -64,8 +64,31 @@ bool holdsEveryKey(const QByteArray& text, int keyCount)
     return text.endsWith('\n') && keyLines == keyCount;
 }
 
+QVariantMap contentsOf(QSettings& settings)
+{
+    QVariantMap contents;
+    for (const QString& key : settings.allKeys())
+        contents.insert(key, settings.value(key));
+    return contents;
+}
+
+// The keys and values of text as QSettings reads them from a scratch copy.
+std::optional<QVariantMap> parsedIniText(const QByteArray& text)
+{
+    const QString copy = scratchFileWith(text);
+    if (copy.isEmpty())
+        return std::nullopt;
+    std::optional<QVariantMap> contents;
+    {
+        QSettings settings(copy, QSettings::IniFormat);
+        contents = contentsOf(settings);
+    }
+    QFile::remove(copy);
+    return contents;
+}
+
 // The INI text after change, as QSettings writes it; nullopt (errno set) when
-// QSettings could not write it whole.
+// QSettings could not read the text or write the result whole.
 std::optional<QByteArray> editedIniText(const QByteArray& text, const std::function<void(QSettings&)>& change)
 {
     const QString edited = scratchFileWith(text);
@@ -74,6 +97,15 @@ std::optional<QByteArray> editedIniText(const QByteArray& text, const std::funct
     int keyCount = -1;
     {
         QSettings settings(edited, QSettings::IniFormat);
+        // QSettings takes a file it could not read for an empty one, and the
+        // save would then drop every other key: the text is read a second
+        // time from another copy, and both readings must agree.
+        const std::optional<QVariantMap> again = parsedIniText(text);
+        if (!again || *again != contentsOf(settings)) {
+            QFile::remove(edited);
+            errno = EIO;
+            return std::nullopt;
+        }
         change(settings);
         settings.sync();
         if (settings.status() == QSettings::NoError)

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <stdio_ext.h>
 #include <memory>
 #include <unistd.h>
 
@@ -133,8 +134,13 @@ bool appendBucketBlock(nxi& owner, int bucket, DWORD count, const BucketLists& l
     owner.m_SbfOffsets[bucket] = DWORD(blockOffset);
     const Chunk block[] = {{countBytes, sizeof countBytes}, lists.groupTable, lists.keyList};
     bool written = writeChunks(status, block);
-    if (!written && ftruncate(fileno(status), blockOffset) == 0)
-        owner.m_SbfOffsets[bucket] = 0;  // no partial block stays behind
+    if (!written) {
+        // No partial block stays behind: what the stream still buffers is
+        // dropped, so the close cannot write it after the cut.
+        __fpurge(status);
+        (void)!ftruncate(fileno(status), blockOffset);  // should the cut fail, no slot points at the rest
+        owner.m_SbfOffsets[bucket] = 0;
+    }
     written = fclose(status) == 0 && written;
     if (!written) {
         logFwriteFailed(reportAs, statusPath);
