@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -53,18 +52,14 @@ bool writeAll(int fd, const char* data, size_t size)
     return true;
 }
 
-// Creates a new file beside path that no other name refers to.
+// Creates the new file beside path under its one fixed name: whatever a
+// killed save left there (or a link planted there) is removed first, so
+// nothing piles up and nothing is written through a link.
 int createSibling(const QByteArray& path, mode_t mode, QByteArray* name)
 {
-    static unsigned counter = 0;
-    for (int attempt = 0; attempt < 16; ++attempt) {
-        *name = path + "." + QByteArray::number(uint(getpid()), 36) + QByteArray::number(++counter, 36) +
-                QByteArray::number(uint(std::time(nullptr)) ^ uint(attempt * 7919), 36);
-        const int fd = ::open(name->constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-        if (fd >= 0 || errno != EEXIST)
-            return fd;
-    }
-    return -1;
+    *name = path + ".new";
+    ::unlink(name->constData());
+    return ::open(name->constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
 }
 
 mode_t defaultFileMode()

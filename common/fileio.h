@@ -45,8 +45,8 @@ bool isSpecialEntry(const QString& path);
 // or cannot be read.
 std::optional<QByteArray> readAll(const QString& path, qint64 maxSize);
 
-// Replaces the file at path by one holding bytes: a new file beside it is
-// written, synced and renamed over it, so the file holds the old or the new
+// Replaces the file at path by one holding bytes: a new file beside it
+// ("<path>.new") is written, synced and renamed over it, so the file holds the old or the new
 // text whole, never less, whenever the machine stops. The rename itself may
 // still be undone by a power loss: callers that need the new name on disk
 // sync the directory. False (errno set) when anything fails; the new file is
