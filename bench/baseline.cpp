@@ -208,33 +208,6 @@ private:
     size_t m_Capacity = 0;
 };
 
-struct EntryRecord {
-    unsigned char bytes[nxformat::kRecordSize];
-};
-
-// The indexer's order: ascending unsigned key when the keys span less than
-// 2^31, records with equal keys kept in table order (helper records first,
-// then the source files in ascending number), as the indexer's stable sort
-// keeps them; otherwise qsort with the wrapped key difference.
-void sortTable(unsigned char* table, DWORD count)
-{
-    if (count < 2)
-        return;
-    auto* first = reinterpret_cast<EntryRecord*>(table);
-    auto* last = first + count;
-    auto keyOf = [](const EntryRecord& record) { return nxformat::recordKey(record.bytes); };
-    auto byKey = [&](const EntryRecord& a, const EntryRecord& b) { return keyOf(a) < keyOf(b); };
-    auto [lowest, highest] = std::minmax_element(first, last, byKey);
-    if (keyOf(*highest) - keyOf(*lowest) < 0x80000000u) {
-        std::stable_sort(first, last, byKey);
-        return;
-    }
-    qsort(table, count, nxformat::kRecordSize, [](const void* a, const void* b) {
-        return nxformat::compareKeys(nxformat::recordKey(static_cast<const unsigned char*>(a)),
-                                     nxformat::recordKey(static_cast<const unsigned char*>(b)));
-    });
-}
-
 class Database
 {
 public:
@@ -398,7 +371,7 @@ bool Database::indexBucket(int bucket, int firstFile, int endFile)
     }
 
     const DWORD count = DWORD(total / nxformat::kRecordSize);
-    sortTable(table, count);
+    nxformat::sortEntryRecords(table, count);
     const size_t keyListSize = size_t(nxformat::kKeySize) * count;
     const size_t payloadListSize = size_t(nxformat::kPayloadSize) * count;
     unsigned char* keyList = m_KeyList.reserve(keyListSize);

@@ -1,6 +1,9 @@
 #include "indexformat.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <vector>
 
 namespace nxformat {
 
@@ -9,6 +12,64 @@ int compareKeys(uint32_t a, uint32_t b)
     // The wrapped difference read as signed: keys up to 2^31 apart order by
     // value, keys further apart in the opposite order.
     return int32_t(a - b);
+}
+
+namespace {
+
+struct Record {
+    unsigned char bytes[kRecordSize];
+};
+uint32_t keyOf(const Record& record) { return recordKey(record.bytes); }
+
+// Ascending by unsigned key, one counting pass per key byte in which the
+// records differ (byte 3, the bucket's own, usually does not).
+void radixSortByKey(Record* records, size_t count)
+{
+    std::vector<Record> buffer(count);
+    Record* from = records;
+    Record* to = buffer.data();
+    for (int shift = 0; shift < 32; shift += 8) {
+        auto digit = [shift](const Record& record) { return (keyOf(record) >> shift) & 0xFF; };
+        size_t start[257] = {};
+        for (size_t i = 0; i < count; ++i)
+            ++start[digit(from[i]) + 1];
+        if (start[digit(from[0]) + 1] == count)
+            continue;  // every record has the same byte here
+        for (int d = 0; d < 256; ++d)
+            start[d + 1] += start[d];
+        for (size_t i = 0; i < count; ++i)
+            to[start[digit(from[i])]++] = from[i];
+        std::swap(from, to);
+    }
+    if (from != records)
+        std::copy(from, from + count, records);
+}
+
+}  // namespace
+
+void sortEntryRecords(unsigned char* table, size_t count)
+{
+    if (count < 2)
+        return;
+    auto* first = reinterpret_cast<Record*>(table);
+    auto* last = first + count;
+    auto byKey = [](const Record& a, const Record& b) { return keyOf(a) < keyOf(b); };
+    auto [lowest, highest] = std::minmax_element(first, last, byKey);
+    if (keyOf(*highest) - keyOf(*lowest) >= 0x80000000u) {
+        // No consistent order: only qsort tolerates that.
+        qsort(table, count, kRecordSize, [](const void* a, const void* b) {
+            return compareKeys(recordKey(static_cast<const unsigned char*>(a)),
+                               recordKey(static_cast<const unsigned char*>(b)));
+        });
+        return;
+    }
+    const std::vector<Record> original(first, last);
+    radixSortByKey(first, count);
+    auto sameKey = [](const Record& a, const Record& b) { return keyOf(a) == keyOf(b); };
+    if (std::adjacent_find(first, last, sameKey) != last) {
+        std::copy(original.begin(), original.end(), first);
+        std::sort(first, last, byKey);
+    }
 }
 
 // ---- Source file -------------------------------------------------------------

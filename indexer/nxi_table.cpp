@@ -19,35 +19,6 @@ namespace {
 // Source file paths are formatted into a buffer of this size.
 constexpr size_t kSourcePathBufferSize = 512;
 
-struct EntryRecord {
-    unsigned char bytes[nxformat::kRecordSize];
-};
-static_assert(sizeof(EntryRecord) == nxformat::kRecordSize, "entry records are 16 bytes");
-
-// Ascending by unsigned key: a stable radix sort, one pass per key byte in
-// which the records differ (byte 3, the bucket's own, usually does not).
-void sortByKey(EntryRecord* records, size_t count)
-{
-    std::vector<EntryRecord> buffer(count);
-    EntryRecord* from = records;
-    EntryRecord* to = buffer.data();
-    for (int shift = 0; shift < 32; shift += 8) {
-        auto digit = [shift](const EntryRecord& record) { return (nxformat::recordKey(record.bytes) >> shift) & 0xFF; };
-        size_t start[257] = {};
-        for (size_t i = 0; i < count; ++i)
-            ++start[digit(from[i]) + 1];
-        if (start[digit(from[0]) + 1] == count)
-            continue;  // every record has the same byte here
-        for (int d = 0; d < 256; ++d)
-            start[d + 1] += start[d];
-        for (size_t i = 0; i < count; ++i)
-            to[start[digit(from[i])]++] = from[i];
-        std::swap(from, to);
-    }
-    if (from != records)
-        std::copy(from, from + count, records);
-}
-
 } // namespace
 
 DWORD nxi::CalculateSizeOfIndex(int bucket, int firstFile, bool fill, int* lastFile, int dbCount)
@@ -159,18 +130,7 @@ void nxi::SortEntryTable(DWORD allocSize)
     size_t count = std::min<size_t>(allocSize, tableSize) / nxformat::kRecordSize;
     if (count < 2)
         return;
-    auto* first = reinterpret_cast<EntryRecord*>(m_EntryTable);
-    auto* last = first + count;
-    auto keyOf = [](const EntryRecord& record) { return nxformat::recordKey(record.bytes); };
-    auto byKey = [&](const EntryRecord& a, const EntryRecord& b) { return keyOf(a) < keyOf(b); };
-    auto [lowest, highest] = std::minmax_element(first, last, byKey);
-    // Within a span below 2^31 compare() is the plain unsigned order, which
-    // std::sort can use. Wider spans have no consistent order: only qsort,
-    // which tolerates that, may see compare() then.
-    if (keyOf(*highest) - keyOf(*lowest) < 0x80000000u)
-        sortByKey(first, count);
-    else
-        qsort(m_EntryTable, count, nxformat::kRecordSize, compare);
+    nxformat::sortEntryRecords(m_EntryTable, count);
 }
 
 void nxi::ReleaseIndexBuffer()

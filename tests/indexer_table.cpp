@@ -14,6 +14,26 @@ TEST(IndexFormat, CompareOrdersByTheWrappedKeyDifference)
     EXPECT_EQ(compare(nxtest::makeRecord(7, 3).constData(), nxtest::makeRecord(7, 4).constData()), 0);
 }
 
+// The radix sort gives the order std::sort gave, equal keys included, so
+// that no entry file changes its bytes with the sort that writes it.
+TEST(IndexFormat, SortGivesStdSortsOrderWithOrWithoutEqualKeys)
+{
+    for (uint32_t keySpread : {1u << 20, 37u}) {
+        QByteArray table;
+        for (uint32_t i = 0; i < 3000; ++i)
+            table += nxtest::makeRecord(0x07000000u + (i * 2654435761u) % keySpread, i);
+        struct Record { char bytes[16]; };
+        std::vector<Record> expected(3000);
+        std::memcpy(expected.data(), table.constData(), size_t(table.size()));
+        std::sort(expected.begin(), expected.end(), [](const Record& a, const Record& b) {
+            return nxformat::recordKey(reinterpret_cast<const unsigned char*>(a.bytes)) <
+                   nxformat::recordKey(reinterpret_cast<const unsigned char*>(b.bytes));
+        });
+        nxformat::sortEntryRecords(reinterpret_cast<unsigned char*>(table.data()), 3000);
+        EXPECT_EQ(table, QByteArray(expected.front().bytes, table.size())) << keySpread;
+    }
+}
+
 TEST(IndexFormat, SbfSizeRecordValue)
 {
     // The indexer's own records ("%d#NXI" under "wdx00.sbf") are read back end to end.
