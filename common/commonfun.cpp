@@ -24,7 +24,7 @@ qint64 commonfun::GetFileSize(QString& path)
 
 bool commonfun::PathFileExists(QString path)
 {
-    return QFile::exists(path);
+    return fileio::exists(path.toUtf8().constData());
 }
 
 bool commonfun::DeleteFile(QString path)

@@ -157,6 +157,8 @@ bool syncDirectory(const QString& directory)
     return ::close(fd) == 0;
 }
 
+bool exists(const char* path) { return path[0] != '\0' && ::access(path, F_OK) == 0; }
+
 bool isSpecialEntry(const QString& path)
 {
     struct stat info;

@@ -36,6 +36,10 @@ bool syncFile(FILE* file);
 // Puts the directory's entries (renames, new and removed names) on disk.
 bool syncDirectory(const QString& directory);
 
+// True when something exists at path, symbolic links followed (a link to
+// nothing does not exist): what commonfun::PathFileExists says, without Qt.
+bool exists(const char* path);
+
 // True when an entry exists at path and is not a regular file (a symbolic
 // link, a directory, a device, a FIFO): such an entry is never read as data.
 bool isSpecialEntry(const QString& path);

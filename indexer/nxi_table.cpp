@@ -28,14 +28,14 @@ DWORD nxi::CalculateSizeOfIndex(int bucket, int firstFile, bool fill, int* lastF
     uint64_t total = 0;
     int fileNumber = firstFile;
     for (; fileNumber < int64_t(dbCount) - 1; ++fileNumber) {
-        QByteArray name = nxformat::sourceFilePath(m_HostPath, QString::fromUtf8(m_DbName), fileNumber).toUtf8();
-        char path[kSourcePathBufferSize] = {};
-        int length = snprintf(path, sizeof path, "%s", name.constData());
-        if (length < 0 || size_t(length) >= sizeof path) {
+        const QByteArray& name = m_SourceFiles.path(m_HostPath, m_DbName, fileNumber);
+        if (size_t(name.size()) >= kSourcePathBufferSize) {
             NXI_ERROR("Error: Path too long for the following yn file- %s", name.constData());
             continue;
         }
-        if (!m_CommonFun->PathFileExists(QString::fromUtf8(path))) {
+        char path[kSourcePathBufferSize];
+        std::memcpy(path, name.constData(), size_t(name.size()) + 1);
+        if (!fileio::exists(path)) {
             NXI_ERROR("Yn File Not exist : %s", path);
             continue;
         }

@@ -1,6 +1,7 @@
 #include "sourcefiles.h"
 
 #include "fileio.h"
+#include "indexformat.h"
 
 #include <unistd.h>
 
@@ -47,8 +48,22 @@ int SourceFiles::open(const char* path, qint64* size)
     return fd;
 }
 
+const QByteArray& SourceFiles::path(const QString& host, const char* db, int fileNumber)
+{
+    if (host != m_PathsHost || m_PathsDb != db) {
+        m_Paths.clear();
+        m_PathsHost = host;
+        m_PathsDb = db;
+    }
+    auto known = m_Paths.find(fileNumber);
+    if (known == m_Paths.end())
+        known = m_Paths.insert(fileNumber, nxformat::sourceFilePath(host, QString::fromUtf8(db), fileNumber).toUtf8());
+    return *known;
+}
+
 void SourceFiles::closeAll()
 {
+    m_Paths.clear();
     for (const Kept& kept : m_Kept)
         ::close(kept.fd);
     m_Kept.clear();

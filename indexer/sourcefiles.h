@@ -12,6 +12,7 @@
 
 #include <QByteArray>
 #include <QHash>
+#include <QString>
 
 #include <sys/stat.h>
 
@@ -23,12 +24,19 @@ public:
     SourceFiles(const SourceFiles&) = delete;
     SourceFiles& operator=(const SourceFiles&) = delete;
 
+    // The path of source file fileNumber of database db under host, formed
+    // once per database.
+    const QByteArray& path(const QString& host, const char* db, int fileNumber);
     // A descriptor for reading the file at path and its size; -1 with errno
     // set when it cannot be opened. The descriptor stays owned here.
     int open(const char* path, qint64* size);
+    // Closes the descriptors and forgets the paths.
     void closeAll();
 
 private:
+    QString m_PathsHost;
+    QByteArray m_PathsDb;
+    QHash<int, QByteArray> m_Paths;
     struct Kept {
         int fd;
         struct stat identity;
