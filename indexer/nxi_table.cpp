@@ -28,6 +28,7 @@ DWORD nxi::CalculateSizeOfIndex(int bucket, int firstFile, bool fill, int* lastF
     uint64_t total = 0;
     int fileNumber = firstFile;
     for (; fileNumber < int64_t(dbCount) - 1; ++fileNumber) {
+        m_SourceFiles.forgetLook();  // what the last file's test saw
         const QByteArray& name = m_SourceFiles.path(m_HostPath, m_DbName, fileNumber);
         if (size_t(name.size()) >= kSourcePathBufferSize) {
             NXI_ERROR("Error: Path too long for the following yn file- %s", name.constData());
@@ -35,7 +36,7 @@ DWORD nxi::CalculateSizeOfIndex(int bucket, int firstFile, bool fill, int* lastF
         }
         char path[kSourcePathBufferSize];
         std::memcpy(path, name.constData(), size_t(name.size()) + 1);
-        if (!fileio::exists(path)) {
+        if (!m_SourceFiles.exists(path)) {
             NXI_ERROR("Yn File Not exist : %s", path);
             continue;
         }
@@ -49,6 +50,7 @@ DWORD nxi::CalculateSizeOfIndex(int bucket, int firstFile, bool fill, int* lastF
         if (fill)
             ReadIndexBuffer(path, DWORD(nxformat::sourceRecordOffset(low)), rangeSize);
     }
+    m_SourceFiles.forgetLook();
     *lastFile = fileNumber - 1;
     return DWORD(std::min<uint64_t>(total, UINT32_MAX));
 }

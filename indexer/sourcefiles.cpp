@@ -19,6 +19,15 @@ bool sameIdentity(const struct stat& a, const struct stat& b)
 
 }  // namespace
 
+bool SourceFiles::exists(const char* path)
+{
+    m_Looked = path;
+    m_LookedValid = ::lstat(path, &m_LookedAt) == 0 && !S_ISLNK(m_LookedAt.st_mode);
+    if (m_LookedValid)
+        return true;
+    return fileio::exists(path);  // a link exists when what it names does
+}
+
 int SourceFiles::open(const char* path, qint64* size)
 {
     const QByteArray name(path);
@@ -26,7 +35,10 @@ int SourceFiles::open(const char* path, qint64* size)
     const auto kept = m_Kept.find(name);
     if (kept != m_Kept.end()) {
         // lstat: a link put in the file's place must reach the refusing open below.
-        if (::lstat(path, &now) == 0 && sameIdentity(now, kept->identity)) {
+        const bool looked = m_LookedValid && m_Looked == name;
+        if (looked)
+            now = m_LookedAt;
+        if ((looked || ::lstat(path, &now) == 0) && sameIdentity(now, kept->identity)) {
             *size = now.st_size;
             return kept->fd;
         }
@@ -64,6 +76,7 @@ const QByteArray& SourceFiles::path(const QString& host, const char* db, int fil
 void SourceFiles::closeAll()
 {
     m_Paths.clear();
+    m_LookedValid = false;
     for (const Kept& kept : m_Kept)
         ::close(kept.fd);
     m_Kept.clear();

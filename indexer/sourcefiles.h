@@ -8,7 +8,8 @@
 // inode, size and modification time); otherwise the file is opened afresh,
 // with the same refusals (no symbolic link, regular files only), so a file
 // that was replaced, changed or removed reads exactly as it would if every
-// call opened it.
+// call opened it. The existence test of a pass serves as that check for the
+// reads that follow it at once.
 
 #include <QByteArray>
 #include <QHash>
@@ -27,6 +28,12 @@ public:
     // The path of source file fileNumber of database db under host, formed
     // once per database.
     const QByteArray& path(const QString& host, const char* db, int fileNumber);
+    // Whether something exists at path (links followed), as PathFileExists
+    // says. What it saw stands for the file's identity in the next opens of
+    // the same path, which follow at once in the same pass.
+    bool exists(const char* path);
+    // Ends what exists() saw standing for the next opens.
+    void forgetLook() { m_LookedValid = false; }
     // A descriptor for reading the file at path and its size; -1 with errno
     // set when it cannot be opened. The descriptor stays owned here.
     int open(const char* path, qint64* size);
@@ -42,6 +49,9 @@ private:
         struct stat identity;
     };
     QHash<QByteArray, Kept> m_Kept;
+    QByteArray m_Looked;  // the path exists() saw last, and what it saw
+    struct stat m_LookedAt {};
+    bool m_LookedValid = false;
 };
 
 #endif
