@@ -54,7 +54,7 @@ struct Options {
     QString work;
 };
 
-struct CaseSpec {
+struct BenchCase {
     int files = 0;
     int records = 0;    // per source file
     bool again = false;  // a second run on the installation indexed with files x records
@@ -179,33 +179,33 @@ public:
     int run();
 
 private:
-    QString prepareFirstRun(const CaseSpec& spec);
-    QString prepareSecondRun(const CaseSpec& spec);
+    QString prepareFirstRun(const BenchCase& benchCase);
+    QString prepareSecondRun(const BenchCase& benchCase);
     QString root(Program program) const { return m_Work + "/r/" + QString(programName(program)).remove(' '); }
     QString host(Program program) const { return root(program) + "/db/txhost"; }
     Command command(Program program) const;
     bool clear(Program program) const;
     QString freshCopy(Program program, const QString& input);
     QString measure(Program program, const QString& input, Cost* cost);
-    bool checkOutputs(const CaseSpec& spec, int round, const QVector<Program>& programs);
+    bool checkOutputs(const BenchCase& benchCase, int round, const QVector<Program>& programs);
 
     Options m_Options;
     QString m_Work;
     bool m_Mismatch = false;
 };
 
-QString Bench::prepareFirstRun(const CaseSpec& spec)
+QString Bench::prepareFirstRun(const BenchCase& benchCase)
 {
-    const QString input = m_Work + "/gen/" + spec.id();
+    const QString input = m_Work + "/gen/" + benchCase.id();
     if (QFileInfo::exists(input))
         return input;
-    const ynsample::SampleOptions options = sampleOptions(spec.files, spec.records);
+    const ynsample::SampleOptions options = sampleOptions(benchCase.files, benchCase.records);
     if (std::optional<ynsample::OversizedBucket> big = ynsample::findOversizedBucket(options))
         return QString("!bucket %1 of %2 would hold %3 records, more than an index bucket can")
             .arg(big->bucket, 2, 16, QChar('0'))
             .arg(big->db)
             .arg(big->records);
-    progress(QString("generating %1 source files of %2 records").arg(spec.files).arg(spec.records));
+    progress(QString("generating %1 source files of %2 records").arg(benchCase.files).arg(benchCase.records));
     ynsample::SampleTotals totals;
     const QString error = ynsample::writeSample(options, input + "/db/txhost", &totals, {});
     return error.isEmpty() ? input : "!" + error;
@@ -214,12 +214,12 @@ QString Bench::prepareFirstRun(const CaseSpec& spec)
 // The installation after a first run (indexed by the baseline, whose output
 // the first-run case has checked against the indexer's), plus newFiles
 // source files and the DB-COUNT that merges them.
-QString Bench::prepareSecondRun(const CaseSpec& spec)
+QString Bench::prepareSecondRun(const BenchCase& benchCase)
 {
-    const QString input = m_Work + "/gen/" + spec.id();
+    const QString input = m_Work + "/gen/" + benchCase.id();
     if (QFileInfo::exists(input))
         return input;
-    CaseSpec first = spec;
+    BenchCase first = benchCase;
     first.again = false;
     first.newFiles = 0;
     const QString firstInput = prepareFirstRun(first);
@@ -229,10 +229,10 @@ QString Bench::prepareSecondRun(const CaseSpec& spec)
     QString error = copyTree(firstInput + "/db/txhost", host);
     if (error.isEmpty())
         error = runProgram(NXBASELINE_PATH, {host});
-    const ynsample::SampleOptions options = sampleOptions(spec.files + spec.newFiles, spec.records);
+    const ynsample::SampleOptions options = sampleOptions(benchCase.files + benchCase.newFiles, benchCase.records);
     if (ynsample::findOversizedBucket(options))
         return "!a bucket would hold more records than an index bucket can";
-    for (int number = spec.files; number < spec.files + spec.newFiles && error.isEmpty(); ++number) {
+    for (int number = benchCase.files; number < benchCase.files + benchCase.newFiles && error.isEmpty(); ++number) {
         QFile file(nxformat::sourceFilePath(host, kDatabase, number));
         const QByteArray bytes = nxformat::buildSourceFile(ynsample::sourceBuckets(options, kDatabase, number));
         if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
@@ -289,7 +289,7 @@ QString Bench::measure(Program program, const QString& input, Cost* cost)
 
 // The baselines' trees against the indexer's. The trees of the first case
 // with a mismatch are kept under <work>/mismatch.
-bool Bench::checkOutputs(const CaseSpec& spec, int round, const QVector<Program>& programs)
+bool Bench::checkOutputs(const BenchCase& benchCase, int round, const QVector<Program>& programs)
 {
     QVector<Program> differing;
     for (Program program : programs) {
@@ -300,7 +300,7 @@ bool Bench::checkOutputs(const CaseSpec& spec, int round, const QVector<Program>
             continue;
         differing << program;
         progress(QString("\n*** OUTPUT MISMATCH: %1, round %2: %3 differs from the indexer:")
-                     .arg(spec.label())
+                     .arg(benchCase.label())
                      .arg(round + 1)
                      .arg(programName(program)));
         for (const QString& difference : differences)
@@ -309,7 +309,7 @@ bool Bench::checkOutputs(const CaseSpec& spec, int round, const QVector<Program>
     if (differing.isEmpty())
         return true;
     if (!m_Mismatch) {
-        const QString kept = m_Work + "/mismatch/" + spec.id();
+        const QString kept = m_Work + "/mismatch/" + benchCase.id();
         QDir().mkpath(kept);
         differing.prepend(Indexer);
         for (Program program : differing)
@@ -339,37 +339,37 @@ int Bench::run()
 
     // Two growth series around many files of records each, then the two
     // second runs. --quick keeps one first run and the second runs.
-    QVector<CaseSpec> specs;
+    QVector<BenchCase> cases;
     const int many = m_Options.quick ? 8 : 64;
     const int records = m_Options.quick ? 500 : 32768;
     if (!m_Options.quick) {
-        specs.append({many / 4, records, false, 0});
-        specs.append({many, records, false, 0});
-        specs.append({many * 4, records, false, 0});
-        specs.append({many, records / 4, false, 0});
-        specs.append({many, records * 4, false, 0});
+        cases.append({many / 4, records, false, 0});
+        cases.append({many, records, false, 0});
+        cases.append({many * 4, records, false, 0});
+        cases.append({many, records / 4, false, 0});
+        cases.append({many, records * 4, false, 0});
     } else {
-        specs.append({many, records, false, 0});
+        cases.append({many, records, false, 0});
     }
-    specs.append({many, records, true, 0});
-    specs.append({many, records, true, 4});
+    cases.append({many, records, true, 0});
+    cases.append({many, records, true, 4});
 
     QVector<CaseResult> results;
     QVector<QString> inputs;
-    for (const CaseSpec& spec : specs) {
-        const QString input = spec.again ? prepareSecondRun(spec) : prepareFirstRun(spec);
+    for (const BenchCase& benchCase : cases) {
+        const QString input = benchCase.again ? prepareSecondRun(benchCase) : prepareFirstRun(benchCase);
         if (input.startsWith('!')) {
-            progress("nxbench: " + spec.label() + ": " + input.mid(1));
+            progress("nxbench: " + benchCase.label() + ": " + input.mid(1));
             return 1;
         }
         inputs << input;
         CaseResult result;
-        result.label = spec.label();
-        result.files = spec.files + spec.newFiles;
-        result.recordsPerFile = spec.records;
-        result.filesMerged = spec.again ? spec.newFiles : spec.files;
-        result.recordSeries = !spec.again && !m_Options.quick && spec.files == many;
-        result.fileSeries = !spec.again && !m_Options.quick && spec.records == records;
+        result.label = benchCase.label();
+        result.files = benchCase.files + benchCase.newFiles;
+        result.recordsPerFile = benchCase.records;
+        result.filesMerged = benchCase.again ? benchCase.newFiles : benchCase.files;
+        result.recordSeries = !benchCase.again && !m_Options.quick && benchCase.files == many;
+        result.fileSeries = !benchCase.again && !m_Options.quick && benchCase.records == records;
         results << result;
     }
     progress(QString("installations ready after %1 s").arg(clock.elapsed() / 1000.0, 0, 'f', 1));
@@ -399,39 +399,39 @@ int Bench::run()
         QVector<Program> order = programs;
         if (round % 2)
             std::reverse(order.begin(), order.end());
-        for (int c = 0; c < specs.size(); ++c) {
+        for (int c = 0; c < cases.size(); ++c) {
             QStringList line;
             for (Program program : order) {
                 Cost cost;
                 const QString error = measure(program, inputs[c], &cost);
                 if (!error.isEmpty()) {
-                    progress("nxbench: " + specs[c].label() + ": " + error);
+                    progress("nxbench: " + cases[c].label() + ": " + error);
                     return 1;
                 }
                 results[c].costs[program] << cost;
                 line << QString("%1 %2 s").arg(programName(program)).arg(cost.cpu, 0, 'f', 3);
             }
-            const bool same = checkOutputs(specs[c], round, programs);
+            const bool same = checkOutputs(cases[c], round, programs);
             failed = failed || !same;
             progress(QString("round %1/%2, %3: CPU %4%5")
                          .arg(round + 1)
                          .arg(m_Options.rounds)
-                         .arg(specs[c].label(), line.join(", "), same ? ", outputs identical" : ", OUTPUTS DIFFER"));
+                         .arg(cases[c].label(), line.join(", "), same ? ", outputs identical" : ", OUTPUTS DIFFER"));
         }
     }
 
-    for (int c = 0; c < specs.size() && !strace.isEmpty(); ++c) {
+    for (int c = 0; c < cases.size() && !strace.isEmpty(); ++c) {
         for (Program program : programs) {
             QString error = freshCopy(program, inputs[c]);
             if (error.isEmpty())
                 error = runCounted(strace, command(program), m_Work + "/strace.txt", &results[c].counts[program]);
             if (!error.isEmpty()) {
-                progress("nxbench: strace pass, " + specs[c].label() + ": " + error);
+                progress("nxbench: strace pass, " + cases[c].label() + ": " + error);
                 return 1;
             }
             results[c].counted[program] = true;
         }
-        progress(QString("strace pass, %1: done").arg(specs[c].label()));
+        progress(QString("strace pass, %1: done").arg(cases[c].label()));
     }
     for (Program program : programs)
         clear(program);
