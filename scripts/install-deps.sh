@@ -6,7 +6,7 @@
 #                                    (for the stacks of findings): scripts/fuzz.sh
 set -euo pipefail
 
-packages=(build-essential cmake qtbase5-dev libgtest-dev)
+packages=(build-essential cmake qtbase5-dev libgtest-dev dpkg-dev file)
 if [ "${1:-}" = "--fuzz" ]; then
   packages+=(clang libclang-rt-14-dev llvm-14)
 fi
