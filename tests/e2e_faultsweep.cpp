@@ -1,10 +1,7 @@
-// Proof of survival: the real nxindexer with the N-th call of each family of
-// file operations failing, or killed there, for every N a run reaches, on an
-// installation that already holds an index and on a first run; then kills at
-// random moments of runs with the real pauses. The state each run leaves, and
-// a clean follow-up run's, are checked against an uninterrupted run, apart
-// from the losses the indexer's design accepts. See the README's "Bad input
-// and faults".
+// Proof of survival: the real nxindexer with the N-th call of each family of file operations failing, or killed
+// there, for every N a run reaches, on an existing index and on a first run; then killed at random moments of runs
+// with the real pauses. What each run leaves, and a clean follow-up run, are checked against an uninterrupted run,
+// apart from the losses the indexer's design accepts. The README's "Bad input and faults" has the figures.
 #include "indexformat.h"
 #include "sampledb.h"
 #include "testsupport.h"
@@ -44,8 +41,7 @@ constexpr int kNewMark = 2;  // DB-COUNT 4 merges up to file 2
 // Not the indexer's data: its log, and Qt's lock files beside the INI scratch files (and what names the host).
 const char* const kNotCounted = "NXFAULT_SKIP=/logs/:.ini.lock:/proc/:/var/lib/dbus/:/etc/";
 
-// Records of source file f in bucket b; file 2 adds nothing to bucket 02. No
-// key is 0, so that no record ties with the zero records of a short read.
+// Records of source file f in bucket b (none of file 2 in 02); no key is 0, so none ties with a short read's zeros.
 QByteArray sourceRecords(int file, int bucket)
 {
     QByteArray records;
@@ -97,8 +93,7 @@ QString joined(const QMap<QString, int>& counts, const char* format, const char*
     return text.join(separator);
 }
 
-// One version of a bucket's three files (key, payload, entry) and its status
-// block; loss is empty for the uninterrupted run's version.
+// A version of a bucket's key, payload and entry files and status block; loss empty for the uninterrupted run's.
 struct Version {
     QByteArray files[3], block;
     QString loss;
@@ -173,37 +168,38 @@ public:
         EXPECT_TRUE(wrong.isEmpty()) << "uninterrupted run: " << wrong.join("; ").toStdString();
     }
 
-    // Fails or kills at the N-th call of each family: every N up to
-    // NXSWEEP_DENSE, then every NXSWEEP_STRIDE-th, and the last NXSWEEP_DENSE;
-    // NXSWEEP_ONLY=family:N runs one case and shows its log's error lines.
+    // Fails or kills at the N-th call of each family: every N up to NXSWEEP_DENSE, then every NXSWEEP_STRIDE-th,
+    // and the last NXSWEEP_DENSE; NXSWEEP_ONLY=family:N runs one case and shows its log's error lines.
     Figures sweep(bool kill)
     {
         const long dense = setting("NXSWEEP_DENSE", 48), stride = qMax(1, setting("NXSWEEP_STRIDE", 8));
         const long maxN = setting("NXSWEEP_MAX_N", 0);
         const QStringList only = qEnvironmentVariable("NXSWEEP_ONLY").split(':');
+        const bool one = only.size() == 2;
         const char* const mode = kill ? "kill sweep" : "fault sweep";
         Figures total;
         for (const char* family : kFamilies) {
-            if (only.size() == 2 && only[0] != family)
+            if (one && only[0] != family)
                 continue;
             const QStringList base = {"LD_PRELOAD=" NXFAULTINJECT_PATH, QString("NXFAULT_FAMILY=") + family,
                                       kNotCounted, kill ? "NXFAULT_ACTION=kill" : "NXFAULT_ACTION=fail"};
             Case uninterrupted;
             const long calls = run(base + QStringList{"NXFAULT_NTH=1000000000"}, &uninterrupted);
             Figures figures;
-            long n = only.size() == 2 ? only[1].toLong() : 1, last = 0;
-            for (; maxN == 0 || n <= maxN; n = n < dense || n >= calls - dense ? n + 1 : qMin(n + stride, calls - dense)) {
+            long n = one ? only[1].toLong() : 1, last = 0;
+            for (; !maxN || n <= maxN; n = n < dense || n >= calls - dense ? n + 1 : qMin(n + stride, calls - dense)) {
                 Case c;
                 c.family = family, c.kill = kill;
                 run(base + QStringList{QString("NXFAULT_NTH=%1").arg(n)}, &c);
                 if (!c.hit)
                     break;  // the run no longer reaches N
                 last = n;
-                c.what = QString("%1 %2 #%3 (%4)").arg(kill ? "kill at" : "failed", family).arg(n).arg(c.path.join(" -> "));
-                if (only.size() == 2)
+                c.what = QString("%1 %2 #%3 (%4)").arg(kill ? "kill at" : "failed", family).arg(n).arg(
+                    c.path.join(" -> "));
+                if (one)
                     std::printf("  log: %s\n", qPrintable(c.errors.join("\n  log: ")));
                 judge(c, figures);
-                if (only.size() == 2)
+                if (one)
                     break;
             }
             std::printf("%s, %s, %-6s (N up to %ld of %ld): %s", mode, name(), family, last, calls,
@@ -259,20 +255,17 @@ private:
         return marks;
     }
 
-    // Every version a run may write for the bucket: its records from the
-    // helper file and files mark+1..2, or from file 0 on (an unreadable
-    // progress file), with any of these shares read short (zero records).
+    // Every version a run may write for the bucket: its records from the helper file and files mark+1..2, or from
+    // file 0 on (an unreadable progress file), with any of these shares read short (zero records).
     QVector<Version> versions(int bucket) const
     {
         QVector<Version> found;
         const int markFirst = m_OldMarks.value(bucket, -1) + 1;
         for (int first : markFirst == 0 ? QVector<int>{0} : QVector<int>{markFirst, 0}) {
-            QVector<QByteArray> shares;
-            if (bucket == kHelperBucket)
-                shares << helperRecords();
+            QVector<QByteArray> shares = {bucket == kHelperBucket ? helperRecords() : QByteArray()};
             for (int f = first; f <= kNewMark; ++f)
-                if (!sourceRecords(f, bucket).isEmpty())
-                    shares << sourceRecords(f, bucket);
+                shares << sourceRecords(f, bucket);
+            shares.removeAll(QByteArray());
             for (int lost = 0; lost < (1 << shares.size()); ++lost) {
                 QByteArray records;
                 QStringList loss;
@@ -297,9 +290,8 @@ private:
         return nullptr;
     }
 
-    // Runs the indexer from the start state with the fault library's settings,
-    // without its pauses, or with them and killed after delayMs; returns the
-    // calls of the family that the run made (the N-th one failing or killing).
+    // Runs the indexer from the start state with the fault library's settings, without its pauses, or with them and
+    // killed after delayMs; returns the calls of the family that the run made (the N-th one failing or killing).
     long run(QStringList environment, Case* c, int delayMs = -1)
     {
         m_Start.restore(m_Host);
@@ -407,9 +399,8 @@ private:
                         qPrintable(left.isEmpty() ? "" : " left behind: " + left.join(" ")));
     }
 
-    // Right after the run: every bucket's files in the old or a new version
-    // under the rotation's names, no mark ahead of its files, and the blocks
-    // of a status file this run finished equal to the key files it wrote.
+    // Right after the run: every bucket's files in the old or a new version under the rotation's names, no mark
+    // ahead of its files, and the blocks of a status file this run finished equal to the key files it wrote.
     QStringList checkAfterRun(const Tree& after, const Case& c, QStringList* losses) const
     {
         QStringList wrong;
@@ -448,8 +439,7 @@ private:
         return wrong;
     }
 
-    // After the clean follow-up: exactly the uninterrupted run's index and
-    // marks, but for the losses that the failed call prescribes.
+    // After the clean follow-up: the uninterrupted run's index and marks, but for the losses the fault prescribes.
     QStringList checkFinal(const Tree& after, const Case& c, QStringList* losses) const
     {
         QStringList wrong;
@@ -475,8 +465,7 @@ private:
             return wrong << m_Status + " is gone";
         if (!after.has(m_Status))
             return *losses << "this run's status file not installed, there is none", wrong;
-        // The run that finished it wrote these key files; when the status file
-        // of the run under test was never installed, the previous one stays.
+        // The key files of the run that installed it: the previous one stays when this run's was never installed.
         const bool previous = m_Start.has(m_Status) && after.at(m_Status) == m_Start.at(m_Status);
         if (previous)
             *losses << "this run's status file not installed, the previous one stays";
@@ -490,9 +479,8 @@ private:
         });
     }
 
-    // The head's blocks lie one after the other from 1024 to the end, only
-    // for buckets with records, each accepted by blockOk. A head left all
-    // zero by a failed write at completion is a prescribed loss.
+    // The head's blocks lie one after the other from 1024 to the end, only for buckets with records, each accepted
+    // by blockOk. A head left all zero by a failed write at completion is a prescribed loss.
     static QStringList checkBlocks(const QByteArray& status, const Case& c, QStringList* losses,
                                    const std::function<bool(int, const QByteArray&)>& blockOk)
     {

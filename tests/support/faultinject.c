@@ -9,8 +9,8 @@
  *   NXFAULT_SKIP    never count calls whose path contains one of these ':'-separated
  *                   texts (e.g. "/logs/:/proc/")
  *   NXFAULT_ACTION  fail (default) | kill (SIGKILL at that call)
- *   NXFAULT_ERRNO   errno of the failure (default: ENOSPC for open, write and close,
- *                   EIO for read, rename and sync, EACCES for unlink and mkdir)
+ *                   the failure's errno: ENOSPC for open, write and close, EIO for read,
+ *                   rename and sync, EACCES for unlink and mkdir
  *   NXFAULT_TRACE   file that gets one line per call of any family: "<family> <path>"
  *   NXFAULT_COUNT   file that gets "<calls> <failed>" of the family at exit, followed by
  *                   " <path>" of the failed call when one failed; with NXFAULT_ACTION=kill
@@ -56,7 +56,7 @@ __attribute__((constructor)) static void setUp(void)
     if (g_skip && !*g_skip)
         g_skip = NULL;
     g_kill = getenv("NXFAULT_ACTION") && strcmp(getenv("NXFAULT_ACTION"), "kill") == 0;
-    g_errno = getenv("NXFAULT_ERRNO") ? atoi(getenv("NXFAULT_ERRNO")) : (g_family >= 0 ? kDefaultErrno[g_family] : 0);
+    g_errno = g_family >= 0 ? kDefaultErrno[g_family] : 0;
 }
 
 static void writeCount(int killed)
