@@ -142,30 +142,7 @@ void readProgressMarks(const QString& path, int* marks)
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return;
-    QByteArray text = file.readAll();
-    auto valueOf = [](const char* equals) {
-        if (equals[1] == '\0')
-            return -1;
-        return int(std::clamp<long>(std::strtol(equals + 1, nullptr, 10), -1, INT_MAX - 1));
-    };
-    char* save = nullptr;
-    if (text.isEmpty() || !strtok_r(text.data(), "\r\n", &save))
-        return;
-    for (int bucket = 0; bucket < kBucketCount; ++bucket) {
-        const char* token = strtok_r(nullptr, "\r\n", &save);
-        if (!token)
-            return;
-        if (std::strtol(token, nullptr, 16) != bucket)
-            continue;
-        const char* equals = std::strchr(token, '=');
-        if (!equals) {
-            marks[bucket] = -1;
-            if (bucket > 0)
-                return;  // a key line without "=" ends the reading, except the first
-            continue;
-        }
-        marks[bucket] = valueOf(equals);
-    }
+    nxformat::parseProgressMarks(file.readAll(), marks);
 }
 
 struct SourceFile {

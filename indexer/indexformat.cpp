@@ -1,6 +1,7 @@
 #include "indexformat.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -248,6 +249,46 @@ QString indexFileName(IndexFile file, Generation generation, int bucket)
         {".hlnew", ".hl", ".hlold"},
     };
     return bucketName(bucket) + suffixes[int(file)][int(generation)];
+}
+
+namespace {
+
+// A progress line's value: the number after "=", or -1 when "=" ends the line.
+int progressValue(const char* equals)
+{
+    if (equals[1] == '\0')
+        return -1;
+    return int(std::clamp<long>(std::strtol(equals + 1, nullptr, 10), -1, INT_MAX - 1));
+}
+
+}  // namespace
+
+void parseProgressMarks(QByteArray text, int* marks)
+{
+    const char* delimiters = "\r\n";
+    char* save = nullptr;
+    if (text.isEmpty() || !strtok_r(text.data(), delimiters, &save))  // the section line
+        return;
+    const char* token = strtok_r(nullptr, delimiters, &save);
+    if (!token)
+        return;
+    if (std::strtol(token, nullptr, 16) == 0) {
+        const char* equals = std::strchr(token, '=');
+        marks[0] = equals ? progressValue(equals) : -1;
+    }
+    for (int bucket = 1; bucket < kBucketCount; ++bucket) {
+        token = strtok_r(nullptr, delimiters, &save);
+        if (!token)
+            return;
+        if (std::strtol(token, nullptr, 16) != bucket)
+            continue;
+        const char* equals = std::strchr(token, '=');
+        if (!equals) {
+            marks[bucket] = -1;
+            return;
+        }
+        marks[bucket] = progressValue(equals);
+    }
 }
 
 } // namespace nxformat

@@ -133,6 +133,13 @@ QString entryDirPath(const QString& host, const QString& db);   // <host>/hl/<db
 QString helperFilePath(const QString& host, const QString& db, int bucket);  // <host>/hl/<db><bb>.hl
 QString helperProgressPath(const QString& host, const QString& db);  // <host>/hl/<db>/<db>hl.ini
 extern const char* const kHelperProgressSection;  // "hlpr"
+// Sets marks[b] from the helper progress file's text: lines split at runs of
+// CR and LF, the first (the section line) skipped, and the n-th key line after
+// it must carry bucket n; the first key that is missing or out of order leaves
+// its own slot and every later slot as they were. "=" at the end of a line, or
+// a later key line without "=", gives -1; a mark below -1 reads as -1 and one
+// past the int range is capped, so that mark + 1 always fits an int.
+void parseProgressMarks(QByteArray text, int* marks);
 QString statusFilePath(const QString& host, const QString& db);         // <host>/<db>.sbf
 QString pendingStatusFilePath(const QString& host, const QString& db);  // <host>/<db>.sbftmp
 QString sbfSizeRecordPath(const QString& host);                         // <host>/sbf_check_yn.ini

@@ -8,25 +8,11 @@
 
 #include <QByteArray>
 
-#include <algorithm>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 namespace {
-
-// A progress line's value: the number after "=", or -1 when "=" ends the line.
-// A mark below -1 can only come from a damaged file and is read as -1 (merge
-// from file 0) rather than as millions of file numbers to visit; a mark is
-// capped so that the next file number (mark + 1) always fits an int.
-int progressValue(const char* equals)
-{
-    if (equals[1] == '\0')
-        return -1;
-    const long value = std::strtol(equals + 1, nullptr, 10);
-    return int(std::clamp<long>(value, -1, INT_MAX - 1));
-}
 
 // A progress file of 256 lines is a few KB; anything far larger is damaged.
 constexpr qint64 kMaxProgressFileSize = 1 << 20;
@@ -75,9 +61,8 @@ int nxi::GetValDBCount()
     return m_CommonFun->GetPrivateProfileInt(nxformat::kDbCountSection, key, 0, m_ValIniPath);
 }
 
-// The file is read by hand rather than through the INI layer: the n-th key
-// line after the first must carry bucket n, and the first key that is missing
-// or out of order leaves its own slot and every later slot unread.
+// The file is read by hand rather than through the INI layer (see
+// nxformat::parseProgressMarks for its reading rule).
 void nxi::getHlpINIData(int* marks, QString path)
 {
     if (!m_CommonFun->PathFileExists(path))
@@ -87,35 +72,7 @@ void nxi::getHlpINIData(int* marks, QString path)
         NXI_ERROR(kReadFailed, path.toUtf8().constData());  // every bucket starts over from file 0
         return;
     }
-    QByteArray text = *read;  // QByteArray keeps a NUL after its last byte
-    if (text.isEmpty())
-        return;
-
-    const char* delimiters = "\r\n";
-    char* save = nullptr;
-    char* token = strtok_r(text.data(), delimiters, &save);  // the section line
-    if (!token)
-        return;
-    token = strtok_r(nullptr, delimiters, &save);
-    if (!token)
-        return;
-    if (std::strtol(token, nullptr, 16) == 0) {
-        const char* equals = std::strchr(token, '=');
-        marks[0] = equals ? progressValue(equals) : -1;
-    }
-    for (int bucket = 1; bucket < nxformat::kBucketCount; ++bucket) {
-        token = strtok_r(nullptr, delimiters, &save);
-        if (!token)
-            return;
-        if (std::strtol(token, nullptr, 16) != bucket)
-            continue;
-        const char* equals = std::strchr(token, '=');
-        if (!equals) {
-            marks[bucket] = -1;
-            return;
-        }
-        marks[bucket] = progressValue(equals);
-    }
+    nxformat::parseProgressMarks(*read, marks);
 }
 
 void nxi::Updateini(int bucket, int mark)
