@@ -1,23 +1,24 @@
 // The INI operations of commonfun. The text of an INI file is what QSettings
 // in INI format reads and writes, but QSettings only ever works on files of
-// its own in a private scratch directory: the real file is read and replaced
-// by fileio. So no lock file, temporary file or symbolic link at the real
+// its own in the program's private scratch directory: the real file is read
+// and replaced by fileio. So no lock file, temporary file or symbolic link at the real
 // path is involved (a save never waits on a lock), a save that QSettings
 // could not complete is noticed instead of emptying the file, and the real
 // file is replaced in one rename once the new text is on disk.
 #include "commonfun.h"
 
+#include "Common.h"
 #include "fileio.h"
 #include "plainini.h"
 
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QSettings>
-#include <QTemporaryDir>
 #include <QVariant>
 
 #include <cerrno>
+#include <csignal>
+#include <unistd.h>
 #include <functional>
 #include <optional>
 
@@ -26,19 +27,38 @@ namespace {
 // The program's INI files are a few KB; anything far larger is not one.
 constexpr qint64 kMaxIniFileSize = 1 << 20;
 
-// Names in a private directory that no QSettings object has used yet
-// (QSettings caches what it parsed by file name).
+// The program's INI scratch directory, in the installation's logs directory:
+// created 0700, so no other user can see, plant or lock anything in it.
+// Scratch files are named "<pid>-<n>.ini", so that processes that share an
+// installation never meet; what a killed process left (QSettings' lock and
+// temporary files among it) is removed by the next process that starts here.
+QString scratchDirectory()
+{
+    static const QString directory = [] {
+        const QString path = Common::getLogsPath() + "/nxindexer-ini";
+        if (!fileio::privateDirectory(path))
+            return QString();
+        for (const QString& name : QDir(path).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot)) {
+            const pid_t owner = pid_t(name.section('-', 0, 0).toLong());
+            if (owner <= 0 || owner == ::getpid() || (::kill(owner, 0) != 0 && errno == ESRCH))
+                QFile::remove(path + "/" + name);
+        }
+        return path;
+    }();
+    return directory;
+}
+
+// Names that no QSettings object has used yet (QSettings caches what it
+// parsed by file name).
 QString freshScratchName()
 {
-    // Memory-backed where the system has it: scratch files need no disk.
-    static const QString base = QFileInfo("/dev/shm").isWritable() ? "/dev/shm" : QDir::tempPath();
-    static QTemporaryDir directory(base + "/nxindexer-ini-XXXXXX");
     static unsigned next = 0;
-    if (!directory.isValid()) {
+    const QString directory = scratchDirectory();
+    if (directory.isEmpty()) {
         errno = EACCES;
         return QString();
     }
-    return directory.filePath(QString::number(++next) + ".ini");
+    return QString("%1/%2-%3.ini").arg(directory).arg(::getpid()).arg(++next);
 }
 
 // text as a fresh scratch file; empty when it could not be written.

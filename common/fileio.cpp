@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -62,22 +63,11 @@ int createSibling(const QByteArray& path, mode_t mode, QByteArray* name)
     return ::open(name->constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
 }
 
-mode_t defaultFileMode()
-{
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    return 0666 & ~mask;
-}
-
-}  // namespace
-
-namespace {
-
 // open(2) without following a link and without waiting on a FIFO, then only
 // a regular file is kept: -1 with errno set otherwise.
 int openRegular(const char* path, int flags, struct stat* info)
 {
-    const int fd = ::open(path, flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0666);
+    const int fd = ::open(path, flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, kFileMode);
     if (fd < 0)
         return -1;
     if (::fstat(fd, info) != 0) {
@@ -92,6 +82,27 @@ int openRegular(const char* path, int flags, struct stat* info)
     return fd;  // O_NONBLOCK means nothing for a regular file
 }
 
+// A file that another user owns, or that has other names, is not truncated
+// and reused: it is removed and a new file of the program's own is made.
+bool isOwnFile(const struct stat& info) { return info.st_uid == ::geteuid() && info.st_nlink == 1; }
+
+int replaceByOwnFile(int fd, const char* path, int flags, struct stat* info)
+{
+    ::close(fd);
+    if (::unlink(path) != 0)
+        return -1;
+    return openRegular(path, flags | O_CREAT | O_EXCL, info);
+}
+
+// A file the program writes gets the fixed mode when it is made anew
+// (truncated); one it adds to keeps a stricter mode, but loses setuid, setgid
+// and every write bit but its owner's.
+bool fixMode(int fd, const struct stat& info, bool truncate)
+{
+    const mode_t mode = info.st_mode & 07777, wanted = truncate ? kFileMode : mode & kFileMode;
+    return mode == wanted || ::fchmod(fd, wanted) == 0;
+}
+
 }  // namespace
 
 FILE* openFile(const char* path, const char* mode)
@@ -103,10 +114,13 @@ FILE* openFile(const char* path, const char* mode)
         return nullptr;
     }
     struct stat info;
-    const int fd = openRegular(path, flags, &info);
+    int fd = openRegular(path, flags, &info);
+    if (fd >= 0 && truncate && !isOwnFile(info))
+        fd = replaceByOwnFile(fd, path, flags, &info);
     if (fd < 0)
         return nullptr;
-    if (truncate && info.st_size != 0 && ::ftruncate(fd, 0) != 0) {
+    const bool writes = (flags & (O_WRONLY | O_RDWR)) != 0;
+    if ((writes && !fixMode(fd, info, truncate)) || (truncate && info.st_size != 0 && ::ftruncate(fd, 0) != 0)) {
         closeKeepingErrno(fd);
         return nullptr;
     }
@@ -157,6 +171,44 @@ bool syncDirectory(const QString& directory)
     return ::close(fd) == 0;
 }
 
+bool makeDirectory(const QString& path) { return ::mkdir(path.toUtf8().constData(), kDirectoryMode) == 0; }
+
+QString parentDirectory(const QString& path)
+{
+    QString trimmed = path;
+    while (trimmed.size() > 1 && trimmed.endsWith('/'))
+        trimmed.chop(1);
+    const int slash = trimmed.lastIndexOf('/');
+    return slash < 0 ? QString(".") : slash == 0 ? QString("/") : trimmed.left(slash);
+}
+
+bool privateDirectory(const QString& path)
+{
+    const QByteArray name = path.toUtf8();
+    if (::mkdir(name.constData(), 0700) == 0)
+        return true;
+    struct stat info;
+    if (errno != EEXIST || ::lstat(name.constData(), &info) != 0)
+        return false;
+    if (!S_ISDIR(info.st_mode) || info.st_uid != ::geteuid() || (info.st_mode & 077) != 0) {
+        errno = EPERM;
+        return false;
+    }
+    return true;
+}
+
+int lockDirectory(const QString& path)
+{
+    const int fd = ::open(path.toUtf8().constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return -1;
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        closeKeepingErrno(fd);
+        return -1;
+    }
+    return fd;
+}
+
 bool exists(const char* path) { return path[0] != '\0' && ::access(path, F_OK) == 0; }
 
 bool isSpecialEntry(const QString& path)
@@ -178,11 +230,12 @@ std::optional<QByteArray> readAll(const QString& path, qint64 maxSize)
         errno = EFBIG;
     } else {
         QByteArray data(int(info.st_size), '\0');
-        const size_t got = std::fread(data.data(), 1, size_t(data.size()), file);
-        if (std::ferror(file))
+        // Fewer bytes than the file held, even without an error, is not its
+        // contents: a save made from them would drop the rest.
+        if (std::fread(data.data(), 1, size_t(data.size()), file) != size_t(data.size()))
             errno = EIO;
         else
-            bytes = data.left(int(got));  // a file that shrank meanwhile reads as what it holds now
+            bytes = data;
     }
     const int err = errno;
     std::fclose(file);
@@ -194,22 +247,22 @@ bool replaceContents(const QString& path, const QByteArray& bytes)
 {
     const QByteArray target = path.toUtf8();
     struct stat info;
-    mode_t mode = defaultFileMode();
     if (::lstat(target.constData(), &info) == 0) {
         if (!S_ISREG(info.st_mode)) {
             errno = S_ISLNK(info.st_mode) ? ELOOP : specialEntryError(info.st_mode);
             return false;
         }
-        mode = info.st_mode & 07777;  // the replacement keeps who may read it
     } else if (errno != ENOENT) {
         return false;
     }
 
+    // The new file never inherits the old one's mode or owner: it is the
+    // program's own, with the fixed mode.
     QByteArray sibling;
-    const int fd = createSibling(target, mode, &sibling);
+    const int fd = createSibling(target, kFileMode, &sibling);
     if (fd < 0)
         return false;
-    bool written = ::fchmod(fd, mode) == 0 && writeAll(fd, bytes.constData(), size_t(bytes.size())) &&
+    bool written = ::fchmod(fd, kFileMode) == 0 && writeAll(fd, bytes.constData(), size_t(bytes.size())) &&
                    ::fdatasync(fd) == 0;
     if (written) {
         written = ::close(fd) == 0;

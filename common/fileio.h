@@ -13,12 +13,22 @@
 
 #include <cstdio>
 #include <optional>
+#include <sys/types.h>
 
 namespace fileio {
 
+// Every file the program creates or replaces: written by its owner alone,
+// read by the components that use the index. The program's own umask (022)
+// leaves these modes as they are.
+constexpr mode_t kFileMode = 0644;
+constexpr mode_t kDirectoryMode = 0755;
+
 // fopen with the stdio modes the program uses ("rb", "rb+", "wb+", "ab+",
-// "a+"), refusing a symbolic link or anything but a regular file. nullptr
-// with errno set when refused or when the open fails.
+// "a+"), refusing a symbolic link or anything but a regular file. A file
+// opened to be written has kFileMode when created or truncated, and no more
+// than it when added to; one to be truncated that another user owns or that
+// has other names is replaced by a new file. nullptr with errno set when
+// refused or when the open fails.
 FILE* openFile(const char* path, const char* mode);
 
 // open(2) for reading with the refusals of openFile; the file's size in
@@ -35,6 +45,21 @@ void closeFd(int fd);
 bool syncFile(FILE* file);
 // Puts the directory's entries (renames, new and removed names) on disk.
 bool syncDirectory(const QString& directory);
+
+// mkdir(2) of one level with kDirectoryMode.
+bool makeDirectory(const QString& path);
+// The directory that holds path's last component ("a/b/" gives "a").
+QString parentDirectory(const QString& path);
+
+// A directory only this user may enter, for files nobody else may see or
+// plant: created with mode 0700 in one step, or accepted when it already is
+// such a directory of this user (not a link). False with errno set otherwise.
+bool privateDirectory(const QString& path);
+
+// Takes an exclusive flock(2) on the directory without waiting: the file
+// descriptor that holds it until the process ends, or -1 with errno set
+// (EWOULDBLOCK: another process holds it). No file is created for it.
+int lockDirectory(const QString& path);
 
 // True when something exists at path, symbolic links followed (a link to
 // nothing does not exist): what commonfun::PathFileExists says, without Qt.
