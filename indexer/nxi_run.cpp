@@ -16,10 +16,18 @@ namespace {
 
 constexpr unsigned long kBucketPauseMs = 50;
 
-// True when the directory exists or could be created (one level).
-bool ensureDirectory(const QString& path)
+enum class Directory { Ready, NotCreated, NotDurable };
+
+// Makes sure the directory exists (creating one level) and that its entry is
+// on disk in its parent before any mark or status file relies on what it
+// holds. The parent is synced at every run, not only after a mkdir: a run
+// killed between the two leaves a directory whose entry a power cut may
+// still take away.
+Directory ensureDirectory(const QString& path)
 {
-    return QDir(path).exists() || QDir().mkdir(path);
+    if (!QDir(path).exists() && !fileio::makeDirectory(path))
+        return Directory::NotCreated;
+    return fileio::syncDirectory(fileio::parentDirectory(path)) ? Directory::Ready : Directory::NotDurable;
 }
 
 // The status file head: the 256 block offsets, little-endian.
@@ -95,37 +103,39 @@ bool nxi::CreateStatusFile(const char* reportAs)
 
 bool nxi::PrepareDirectories(const char* reportAs)
 {
-    m_HlPath = QString::asprintf("%s/hl/", m_HostPath.toUtf8().constData());
-    ensureDirectory(m_HlPath);  // a missing helper root shows below, at the database's helper directory
+    auto notDurable = [reportAs](const QString& path) {
+        NXI_ERROR_AS(reportAs, kDirectorySyncFailed, fileio::parentDirectory(path).toUtf8().constData());
+        return false;
+    };
+    // Each step's directory, or the step's own line when it cannot be created.
+    auto ready = [&](const QString& path, const char* notCreated) {
+        switch (ensureDirectory(path)) {
+        case Directory::Ready: return true;
+        case Directory::NotDurable: return notDurable(path);
+        case Directory::NotCreated: break;
+        }
+        NXI_ERROR_AS(reportAs, notCreated, path.toUtf8().constData());
+        return false;
+    };
 
+    m_HlPath = QString::asprintf("%s/hl/", m_HostPath.toUtf8().constData());
+    // A helper root that cannot be created shows below, at the database's helper directory.
+    if (ensureDirectory(m_HlPath) == Directory::NotDurable)
+        return notDurable(m_HlPath);
     m_IdxnDbPath = QString::asprintf("%s/idxn/", m_HostPath.toUtf8().constData());
-    if (!ensureDirectory(m_IdxnDbPath)) {
-        NXI_ERROR_AS(reportAs, "Error: Could not create idxn directory in txhost - %s",
-                     m_IdxnDbPath.toUtf8().constData());
+    if (!ready(m_IdxnDbPath, "Error: Could not create idxn directory in txhost - %s"))
         return false;
-    }
     m_IdxnDbPath += m_DbName;
-    if (!ensureDirectory(m_IdxnDbPath)) {
-        NXI_ERROR_AS(reportAs, "Error: Could not create idxn db directory in txhost - %s",
-                     m_IdxnDbPath.toUtf8().constData());
+    if (!ready(m_IdxnDbPath, "Error: Could not create idxn db directory in txhost - %s"))
         return false;
-    }
     m_HlDbPath = m_HlPath + m_DbName;
-    if (!ensureDirectory(m_HlDbPath)) {
-        NXI_ERROR_AS(reportAs, "Error: Could not create idx directory in Talvex root path!");
+    if (!ready(m_HlDbPath, "Error: Could not create idx directory in Talvex root path!"))
         return false;
-    }
     m_HlIniPath = QString::asprintf("%s/%shl.ini", m_HlDbPath.toUtf8().constData(), m_DbName);
-    if (!ensureDirectory(m_HlDbPath)) {
-        NXI_ERROR_AS(reportAs, "Could not create helper directory in hl path!");
+    if (!ready(m_HlDbPath, "Could not create helper directory in hl path!"))
         return false;
-    }
     m_HlpPath = QString::asprintf("%s/hlp", m_HlDbPath.toUtf8().constData());
-    if (!ensureDirectory(m_HlpPath)) {
-        NXI_ERROR_AS(reportAs, "Could not create helper directory in Talvex application data path!");
-        return false;
-    }
-    return true;
+    return ready(m_HlpPath, "Could not create helper directory in Talvex application data path!");
 }
 
 // Merges one bucket's new records with its helper file, writes its index
