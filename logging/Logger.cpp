@@ -8,7 +8,9 @@
 #include <QFileInfo>
 #include <QStringList>
 
+#include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -280,7 +282,7 @@ void CLogger::writeNewBody(std::string const& body)
     m_LastMessage = body;
     m_RepeatCount = 0;
     m_CountLineLength = 0;
-    m_File = fileio::openFile(m_LogFilePath.c_str(), "a+");
+    m_File = openLogFile("a+");
     if (m_File == nullptr)
         return;
     char const* time = getCurrentTime();
@@ -303,7 +305,7 @@ void CLogger::writeCountLine()
         return;
     long length = written;
 
-    m_File = fileio::openFile(m_LogFilePath.c_str(), kUpdateMode);
+    m_File = openLogFile(kUpdateMode);
     if (m_File == nullptr) {
         // Whatever file appears here later does not end with our count line.
         m_CountLineLength = 0;
@@ -317,7 +319,7 @@ void CLogger::writeCountLine()
         // The reopen does not create the file: the log was just moved away,
         // so this count line is dropped and the next new body starts a fresh
         // file. Should something stand there after all, the line is appended.
-        m_File = fileio::openFile(m_LogFilePath.c_str(), kUpdateMode);
+        m_File = openLogFile(kUpdateMode);
         if (m_File == nullptr)
             return;
         fileSize(m_File);
@@ -337,7 +339,7 @@ void CLogger::writeCountLine()
 // next line then starts a fresh file.
 void CLogger::moveToBackupIfOversized()
 {
-    m_File = fileio::openFile(m_LogFilePath.c_str(), "a+");
+    m_File = openLogFile("a+");
     if (m_File == nullptr)
         return;
     long size = fileSize(m_File);
@@ -353,6 +355,17 @@ void CLogger::moveToBackup()
     std::string backupPath = m_LogFilePath + ".bkp";
     remove(backupPath.c_str());
     rename(m_LogFilePath.c_str(), backupPath.c_str());
+}
+
+FILE* CLogger::openLogFile(char const* mode)
+{
+    FILE* file = fileio::openFile(m_LogFilePath.c_str(), mode);
+    if (file == nullptr && !m_OpenFailureTold && !(errno == ENOENT && std::strcmp(mode, kUpdateMode) == 0)) {
+        m_OpenFailureTold = true;
+        std::fprintf(stderr, "%s: could not open the log file %s: %s\n", programName().toUtf8().constData(),
+                     m_LogFilePath.c_str(), std::strerror(errno));
+    }
+    return file;
 }
 
 void CLogger::closeFile()

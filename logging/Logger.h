@@ -87,6 +87,7 @@ private:
                      std::string const& codePiece, char const* format, va_list args);
     void writeNewBody(std::string const& body);
     void writeCountLine();
+    FILE* openLogFile(char const* mode);
 
     std::string m_LastMessage;
     std::string m_LogFilePath;
@@ -100,6 +101,9 @@ private:
     // Length of the count line last written, so that a longer count replaces
     // exactly that line and never the one before it.
     long m_CountLineLength = 0;
+    // A log that cannot be opened is told on stderr once: without it a run
+    // that could not log would be silent.
+    bool m_OpenFailureTold = false;
 
     static CLogger* m_Instance;
 };
