@@ -8,7 +8,11 @@
  *   NXFAULT_MATCH   count only calls whose path (or the fd's path) contains this text
  *   NXFAULT_SKIP    never count calls whose path contains one of these ':'-separated
  *                   texts (e.g. "/logs/:/proc/")
- *   NXFAULT_ACTION  fail (default) | kill (SIGKILL at that call)
+ *   NXFAULT_ACTION  fail (default) | kill (SIGKILL at that call) | powercut (a kill that first
+ *                   removes every directory this run created whose entry its parent has
+ *                   not been synced to since, as a power cut may drop it)
+ *   NXFAULT_DROP    with powercut, drop only such directories whose path contains one of
+ *                   these ':'-separated texts
  *                   the failure's errno: ENOSPC for open, write and close, EIO for read,
  *                   rename and sync, EACCES for unlink and mkdir
  *   NXFAULT_TRACE   file that gets one line per call of any family: "<family> <path>"
@@ -23,6 +27,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <ftw.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -36,7 +41,7 @@ static const char* const kFamilies[] = {"open", "write", "close", "read", "renam
 enum { OPEN, WRITE, CLOSE, READ, RENAME, UNLINK, MKDIR, SYNC };
 static const int kDefaultErrno[] = {ENOSPC, ENOSPC, ENOSPC, EIO, EIO, EACCES, EACCES, EIO};
 
-static int g_family = -1, g_errno, g_kill;
+static int g_family = -1, g_errno, g_kill, g_powerCut;
 static long g_nth, g_calls, g_failed;
 static const char *g_match, *g_skip;
 static char g_failedPath[4096]; /* the call that failed, for NXFAULT_COUNT */
@@ -55,7 +60,9 @@ __attribute__((constructor)) static void setUp(void)
     g_skip = getenv("NXFAULT_SKIP");
     if (g_skip && !*g_skip)
         g_skip = NULL;
-    g_kill = getenv("NXFAULT_ACTION") && strcmp(getenv("NXFAULT_ACTION"), "kill") == 0;
+    const char* action = getenv("NXFAULT_ACTION");
+    g_powerCut = action && strcmp(action, "powercut") == 0;
+    g_kill = g_powerCut || (action && strcmp(action, "kill") == 0);
     g_errno = g_family >= 0 ? kDefaultErrno[g_family] : 0;
 }
 
@@ -95,16 +102,17 @@ static void trace(int family, const char* path, const char* to)
     if (fd >= 0) {
         char line[8300];
         int n = snprintf(line, sizeof line, "%s %s%s%s\n", kFamilies[family], path, to ? " " : "", to ? to : "");
-        if (n > 0)
-            REAL(write)(fd, line, (size_t)n < sizeof line ? (size_t)n : sizeof line - 1);
+        if (n > 0 && REAL(write)(fd, line, (size_t)n < sizeof line ? (size_t)n : sizeof line - 1) < 0)
+            n = 0; /* a trace line lost is no fault of the program's */
         REAL(close)(fd);
     }
     g_inside = 0;
 }
 
-static int skipped(const char* path)
+/* True when path contains one of the ':'-separated texts of list. */
+static int listed(const char* list, const char* path)
 {
-    for (const char* text = g_skip; text && *text;) {
+    for (const char* text = list; text && *text;) {
         const char* end = strchr(text, ':');
         const size_t length = end ? (size_t)(end - text) : strlen(text);
         char part[256];
@@ -117,6 +125,59 @@ static int skipped(const char* path)
         text = end ? end + 1 : NULL;
     }
     return 0;
+}
+static int skipped(const char* path) { return listed(g_skip, path); }
+
+/* Directories made by this run and whether their entry is on disk yet. */
+enum { kMaxMadeDirs = 256 };
+static struct { char path[1024]; int durable; } g_made[kMaxMadeDirs];
+static int g_madeCount;
+
+static void parentOf(const char* path, char* parent, size_t size)
+{
+    if (strlen(path) >= size) {
+        parent[0] = '\0';
+        return;
+    }
+    memcpy(parent, path, strlen(path) + 1);
+    size_t n = strlen(parent);
+    while (n > 1 && parent[n - 1] == '/')
+        parent[--n] = '\0';
+    char* slash = strrchr(parent, '/');
+    if (slash)
+        *(slash == parent ? slash + 1 : slash) = '\0';
+}
+static void made(const char* path)
+{
+    if (g_madeCount < kMaxMadeDirs) {
+        char* copy = realpath(path, NULL);
+        snprintf(g_made[g_madeCount].path, sizeof g_made[0].path, "%s", copy ? copy : path);
+        free(copy);
+        g_made[g_madeCount++].durable = 0;
+    }
+}
+static void synced(const char* directory)
+{
+    for (int i = 0; i < g_madeCount; ++i) {
+        char parent[sizeof g_made[0].path];
+        parentOf(g_made[i].path, parent, sizeof parent);
+        if (strcmp(parent, directory) == 0)
+            g_made[i].durable = 1;
+    }
+}
+static int removeEntry(const char* path, const struct stat* info, int type, struct FTW* walk)
+{
+    (void)info, (void)type, (void)walk;
+    REAL(remove)(path);
+    return 0;
+}
+static void dropUnsyncedDirectories(void)
+{
+    g_inside = 1;
+    const char* only = getenv("NXFAULT_DROP");
+    for (int i = g_madeCount - 1; i >= 0; --i)
+        if (!g_made[i].durable && (!only || listed(only, g_made[i].path)))
+            nftw(g_made[i].path, removeEntry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
 /* True when this call is to fail (errno is then set); kills when asked to. */
@@ -137,6 +198,8 @@ static int fault(int family, const char* path, const char* to)
     snprintf(g_failedPath, sizeof g_failedPath, "%s%s%s", path, to ? " " : "", to ? to : "");
     if (g_kill) {
         writeCount(1);
+        if (g_powerCut)
+            dropUnsyncedDirectories();
         raise(SIGKILL);
     }
     ++g_failed;
@@ -218,6 +281,34 @@ size_t fread(void* data, size_t size, size_t count, FILE* stream)
     return REAL(fread)(data, size, count, stream);
 }
 
+/* The checked forms that a program built with _FORTIFY_SOURCE calls instead. */
+ssize_t __read_chk(int fd, void* data, size_t size, size_t room)
+{
+    static ssize_t (*real)(int, void*, size_t, size_t);
+    real = real ? real : (ssize_t(*)(int, void*, size_t, size_t))dlsym(RTLD_NEXT, "__read_chk");
+    return faultFd(READ, fd) ? -1 : real(fd, data, size, room);
+}
+ssize_t __pread64_chk(int fd, void* data, size_t size, off64_t offset, size_t room)
+{
+    static ssize_t (*real)(int, void*, size_t, off64_t, size_t);
+    real = real ? real : (ssize_t(*)(int, void*, size_t, off64_t, size_t))dlsym(RTLD_NEXT, "__pread64_chk");
+    return faultFd(READ, fd) ? -1 : real(fd, data, size, offset, room);
+}
+ssize_t __pread_chk(int fd, void* data, size_t size, off_t offset, size_t room)
+{
+    return __pread64_chk(fd, data, size, offset, room);
+}
+size_t __fread_chk(void* data, size_t room, size_t size, size_t count, FILE* stream)
+{
+    static size_t (*real)(void*, size_t, size_t, size_t, FILE*);
+    real = real ? real : (size_t(*)(void*, size_t, size_t, size_t, FILE*))dlsym(RTLD_NEXT, "__fread_chk");
+    if (faultFd(READ, fileno(stream))) {
+        stream->_flags |= _IO_ERR_SEEN;
+        return 0;
+    }
+    return real(data, room, size, count, stream);
+}
+
 /* A failing close loses what was still buffered, as a full disk does. */
 int fclose(FILE* stream)
 {
@@ -246,6 +337,26 @@ int unlinkat(int dirfd, const char* path, int flags)
     return fault(UNLINK, path, NULL) ? -1 : REAL(unlinkat)(dirfd, path, flags);
 }
 int remove(const char* path) { return fault(UNLINK, path, NULL) ? -1 : REAL(remove)(path); }
-int mkdir(const char* path, mode_t mode) { return fault(MKDIR, path, NULL) ? -1 : REAL(mkdir)(path, mode); }
-int fsync(int fd) { return faultFd(SYNC, fd) ? -1 : REAL(fsync)(fd); }
+int mkdir(const char* path, mode_t mode)
+{
+    if (fault(MKDIR, path, NULL))
+        return -1;
+    const int result = REAL(mkdir)(path, mode);
+    if (result == 0)
+        made(path);
+    return result;
+}
+int fsync(int fd)
+{
+    if (faultFd(SYNC, fd))
+        return -1;
+    const int result = REAL(fsync)(fd);
+    struct stat info;
+    if (result == 0 && fstat(fd, &info) == 0 && S_ISDIR(info.st_mode)) {
+        char path[4096];
+        fdPath(fd, path, sizeof path);
+        synced(path);
+    }
+    return result;
+}
 int fdatasync(int fd) { return faultFd(SYNC, fd) ? -1 : REAL(fdatasync)(fd); }

@@ -15,7 +15,9 @@ int main(int argc, char** argv)
     std::printf("%d\n", guard.CreateAppInstance(QString::fromLocal8Bit(argv[2])));
     std::fflush(stdout);
     char line[64];
-    if (QByteArray(argv[1]) == "hold")
-        (void)std::fgets(line, sizeof line, stdin);
+    if (QByteArray(argv[1]) == "hold") {
+        const char* answer = std::fgets(line, sizeof line, stdin);  // holds the name until a line or the end
+        static_cast<void>(answer);
+    }
     return 0;
 }

@@ -79,7 +79,8 @@ int runProgram(const QString& program, const QProcessEnvironment& env, int timeo
 
 } // namespace
 
-TempInstall::TempInstall() : m_Dir(QDir::tempPath() + "/nxi-test-XXXXXX")
+TempInstall::TempInstall(const QString& base)
+    : m_Dir((base.isEmpty() ? QDir::tempPath() : base) + "/nxi-test-XXXXXX")
 {
     m_Root = m_Dir.path() + "/install";
     QDir().mkpath(m_Root + "/bin");
@@ -89,26 +90,31 @@ TempInstall::TempInstall() : m_Dir(QDir::tempPath() + "/nxi-test-XXXXXX")
 
 int TempInstall::runIndexer(bool withPause) const
 {
-    return withPause ? runProgram(m_Root + "/bin/nxindexer", QProcessEnvironment::systemEnvironment(), 240000)
-                     : runIndexerWith({});
+    return runProgram(m_Root + "/bin/nxindexer", indexerEnvironment({}, withPause), 240000);
 }
 
 int TempInstall::runIndexerWith(const QStringList& environment, int timeoutMs) const
 {
+    return runProgram(m_Root + "/bin/nxindexer", indexerEnvironment(environment), timeoutMs);
+}
+
+QProcessEnvironment TempInstall::indexerEnvironment(const QStringList& environment, bool withPause) const
+{
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    QString preload = NXNOPAUSE_PATH;
+    QString preload = withPause ? QString() : QString(NXNOPAUSE_PATH);
     for (const QString& variable : environment) {
         const QString name = variable.section('=', 0, 0), value = variable.section('=', 1);
         if (name == "LD_PRELOAD")
-            preload = value + ":" + preload;  // sees every call before the seam does
+            preload = value + (preload.isEmpty() ? "" : ":") + preload;  // sees every call before the seam does
         else
             env.insert(name, value);
     }
-    env.insert("LD_PRELOAD", preload);
+    if (!preload.isEmpty())
+        env.insert("LD_PRELOAD", preload);
     // Under AddressSanitizer the preloaded libraries come before its runtime.
     QString asan = env.value("ASAN_OPTIONS");
     env.insert("ASAN_OPTIONS", asan + (asan.isEmpty() ? "" : ":") + "verify_asan_link_order=0");
-    return runProgram(m_Root + "/bin/nxindexer", env, timeoutMs);
+    return env;
 }
 
 } // namespace nxtest

@@ -2,6 +2,7 @@
 #define NXI_TESTSUPPORT_H
 
 #include <QByteArray>
+#include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -27,11 +28,12 @@ QString withoutTimestamp(const QString& line);
 QStringList logBodies(const QString& logPath);
 
 // A temporary installation root whose path has enough '/' that the root rule
-// keeps it. The real nxindexer is copied to <root>/bin/nxindexer.
+// keeps it, in base (the temporary directory by default). The real nxindexer
+// is copied to <root>/bin/nxindexer.
 class TempInstall
 {
 public:
-    TempInstall();
+    explicit TempInstall(const QString& base = QString());
     bool isValid() const { return m_Dir.isValid(); }
     QString root() const { return m_Root; }
     QString host() const { return m_Root + "/db/txhost"; }
@@ -44,6 +46,8 @@ public:
     // has not ended after timeoutMs.
     int runIndexerWith(const QStringList& environment, int timeoutMs = 240000) const;
     QStringList logBodies() const { return nxtest::logBodies(logPath()); }
+    // The environment of runIndexerWith, for a run that the test starts itself.
+    QProcessEnvironment indexerEnvironment(const QStringList& environment, bool withPause = false) const;
 
 private:
     QTemporaryDir m_Dir;
