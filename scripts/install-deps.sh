@@ -6,7 +6,9 @@
 #                                    (for the stacks of findings): scripts/fuzz.sh
 set -euo pipefail
 
-packages=(build-essential cmake qtbase5-dev libgtest-dev dpkg-dev file)
+# strace serves the test that watches where a run creates files; dpkg-dev,
+# file and lintian the package test.
+packages=(build-essential cmake qtbase5-dev libgtest-dev dpkg-dev file lintian strace)
 if [ "${1:-}" = "--fuzz" ]; then
   packages+=(clang libclang-rt-14-dev llvm-14)
 fi
@@ -19,12 +21,13 @@ for pkg in "${packages[@]}"; do
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 
-sudo_cmd=()
+# env passes the non-interactive front end through sudo, which drops the
+# caller's environment.
+as_root=(env DEBIAN_FRONTEND=noninteractive)
 if [ "$(id -u)" -ne 0 ]; then
   command -v sudo >/dev/null 2>&1 || { echo "install-deps: need root or sudo to install: ${missing[*]}" >&2; exit 1; }
-  sudo_cmd=(sudo)
+  as_root=(sudo "${as_root[@]}")
 fi
-echo "install-deps: installing ${missing[*]}"
-export DEBIAN_FRONTEND=noninteractive
-"${sudo_cmd[@]}" apt-get update -qq
-"${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+echo "install-deps: installing ${missing[*]} (and what they need; the first set-up downloads about 165 MB)"
+"${as_root[@]}" apt-get update -qq
+"${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
