@@ -20,6 +20,9 @@ echo "   12.8 s per database by design); buckets passed, per database:"
 log=build/logs/nxindexer.log
 seen=0
 [ -f "$log" ] && seen=$(wc -l <"$log")
+# Key files written after this mark are the buckets this run wrote.
+mark=$(mktemp -p build .run-mark.XXXXXX)
+trap 'rm -f "$mark"' EXIT
 build/bin/nxindexer &
 indexer=$!
 # Follow the log from where this run begins until the indexer ends: a
@@ -34,6 +37,13 @@ tail -n "+$((seen + 1))" -F --pid="$indexer" "$log" 2>/dev/null | awk '
 status=0
 wait "$indexer" || status=$?
 echo "== nxindexer exit status $status; its log is $log"
+echo "== buckets this run wrote, per database:"
+for db in build/db/txhost/idxn/*/; do
+  [ -d "$db" ] || continue
+  written=$(find "$db" -maxdepth 1 -name '*.m' -newer "$mark" | wc -l)
+  [ "$written" -eq 0 ] && written="nothing new"
+  echo "   $(basename "$db"): $written"
+done
 
 echo "== build/bin/nxinspect verify"
 verified=0
