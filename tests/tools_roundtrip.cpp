@@ -1,6 +1,6 @@
 // ynsample -> nxindexer -> nxinspect: every generated record is found again
 // with its payload; lookup, summary and verify print exactly what is indexed.
-#include "indexreader.h"
+#include "nxinspect.h"
 #include "tools_support.h"
 #include "ynsample.h"
 

@@ -1,6 +1,6 @@
 // nxinspect: shows, checks and searches the index that nxindexer wrote under
 // an installation root. See kUsage for the command line.
-#include "indexreader.h"
+#include "nxinspect.h"
 
 #include "Common.h"
 

@@ -1,7 +1,7 @@
 // The checks of `nxinspect verify`. A bucket's entry file is the reference:
 // the writer's own conversion (nxformat::splitSortedTable) derives from it
 // what the key file, the payload file and the bucket's status block must hold.
-#include "indexreader.h"
+#include "nxinspect.h"
 
 #include "commonfun.h"
 

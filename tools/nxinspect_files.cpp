@@ -1,4 +1,4 @@
-#include "indexreader.h"
+#include "nxinspect.h"
 
 #include <QDir>
 #include <QFile>

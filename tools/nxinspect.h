@@ -1,5 +1,5 @@
-#ifndef NXI_INDEXREADER_H
-#define NXI_INDEXREADER_H
+#ifndef NXI_NXINSPECT_H
+#define NXI_NXINSPECT_H
 
 // Reading a database's index the way a consuming component does: finding
 // the indexed databases, checking every invariant that ties their files
