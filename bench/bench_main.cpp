@@ -207,8 +207,8 @@ QString Bench::prepareFirstRun(const BenchCase& benchCase)
             .arg(big->records);
     progress(QString("generating %1 source files of %2 records").arg(benchCase.files).arg(benchCase.records));
     ynsample::SampleTotals totals;
-    const QString error = ynsample::writeSample(options, input + "/db/txhost", &totals, {});
-    return error.isEmpty() ? input : "!" + error;
+    const Status written = ynsample::writeSample(options, input + "/db/txhost", &totals, {});
+    return written.isOk() ? input : "!" + written.toString();
 }
 
 // The installation after a first run (indexed by the baseline, whose output

@@ -45,5 +45,8 @@ bool commonfun::MoveFile(QString source, QString destination)
         errno = EINVAL;
         return false;
     }
-    return fileio::renameFile(source, destination);
+    const Status status = fileio::renameFile(source, destination);
+    if (!status.isOk())
+        errno = status.code();
+    return status.isOk();
 }

@@ -32,42 +32,34 @@ constexpr qint64 kMaxIniFileSize = 1 << 20;
 // Scratch files are named "<pid>-<n>.ini", so that processes that share an
 // installation never meet; what a killed process left (QSettings' lock and
 // temporary files among it) is removed by the next process that starts here.
-QString scratchDirectory()
+const Status& scratchDirectory(QString* path)
 {
-    static const QString directory = [] {
-        const QString path = Common::getLogsPath() + "/nxindexer-ini";
-        if (!fileio::privateDirectory(path))
-            return QString();
-        for (const QString& name : QDir(path).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot)) {
+    static const QString directory = Common::getLogsPath() + "/nxindexer-ini";
+    static const Status made = [] {
+        const Status status = fileio::privateDirectory(directory);
+        const QDir::Filters all = QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot;
+        for (const QString& name : status.isOk() ? QDir(directory).entryList(all) : QStringList()) {
             const pid_t owner = pid_t(name.section('-', 0, 0).toLong());
             if (owner <= 0 || owner == ::getpid() || (::kill(owner, 0) != 0 && errno == ESRCH))
-                QFile::remove(path + "/" + name);
+                QFile::remove(directory + "/" + name);
         }
-        return path;
+        return status;
     }();
-    return directory;
+    *path = directory;
+    return made;
 }
 
-// Names that no QSettings object has used yet (QSettings caches what it
-// parsed by file name).
-QString freshScratchName()
+// text as a scratch file under a name that no QSettings object has used yet
+// (QSettings caches what it parsed by file name).
+Status scratchFileWith(const QByteArray& text, QString* name)
 {
     static unsigned next = 0;
-    const QString directory = scratchDirectory();
-    if (directory.isEmpty()) {
-        errno = EACCES;
-        return QString();
-    }
-    return QString("%1/%2-%3.ini").arg(directory).arg(::getpid()).arg(++next);
-}
-
-// text as a fresh scratch file; empty when it could not be written.
-QString scratchFileWith(const QByteArray& text)
-{
-    QString name = freshScratchName();
-    if (name.isEmpty() || !fileio::writeNewFile(name, text))
-        return QString();
-    return name;
+    QString directory;
+    const Status& made = scratchDirectory(&directory);
+    if (!made.isOk())
+        return made;
+    *name = QString("%1/%2-%3.ini").arg(directory).arg(::getpid()).arg(++next);
+    return fileio::writeNewFile(*name, text);
 }
 
 // True when text holds every key of a settings object with keyCount keys:
@@ -93,69 +85,65 @@ QVariantMap contentsOf(QSettings& settings)
 }
 
 // The keys and values of text as QSettings reads them from a scratch copy.
-std::optional<QVariantMap> parsedIniText(const QByteArray& text)
+Status parsedIniText(const QByteArray& text, QVariantMap* contents)
 {
-    const QString copy = scratchFileWith(text);
-    if (copy.isEmpty())
-        return std::nullopt;
-    std::optional<QVariantMap> contents;
-    {
+    QString copy;
+    const Status status = scratchFileWith(text, &copy);
+    if (status.isOk()) {
         QSettings settings(copy, QSettings::IniFormat);
-        contents = contentsOf(settings);
+        *contents = contentsOf(settings);
     }
     QFile::remove(copy);
-    return contents;
+    return status;
 }
 
-// The INI text after change, as QSettings writes it; nullopt (errno set) when
-// QSettings could not read the text or write the result whole.
-std::optional<QByteArray> editedIniText(const QByteArray& text, const std::function<void(QSettings&)>& change)
+// The INI text after change, as QSettings writes it; not ok when QSettings
+// could not read the text or write the result whole.
+Status editedIniText(const QByteArray& text, const std::function<void(QSettings&)>& change, QByteArray* result)
 {
-    const QString edited = scratchFileWith(text);
-    if (edited.isEmpty())
-        return std::nullopt;
+    QString edited;
+    Status status = scratchFileWith(text, &edited);
     int keyCount = -1;
-    {
+    if (status.isOk()) {
         QSettings settings(edited, QSettings::IniFormat);
         // QSettings takes a file it could not read for an empty one, and the
         // save would then drop every other key: the text is read a second
         // time from another copy, and both readings must agree.
-        const std::optional<QVariantMap> again = parsedIniText(text);
-        if (!again || *again != contentsOf(settings)) {
-            QFile::remove(edited);
-            errno = EIO;
-            return std::nullopt;
+        QVariantMap again;
+        status = parsedIniText(text, &again);
+        if (status.isOk() && again != contentsOf(settings))
+            status = Status::error(EIO, "read " + edited + " (QSettings read it differently)");
+        if (status.isOk()) {
+            change(settings);
+            settings.sync();
+            if (settings.status() == QSettings::NoError)
+                keyCount = settings.allKeys().size();
+            else
+                status = Status::error(ENOSPC, "write " + edited + " (QSettings)");
         }
-        change(settings);
-        settings.sync();
-        if (settings.status() == QSettings::NoError)
-            keyCount = settings.allKeys().size();
     }
-    std::optional<QByteArray> result = keyCount >= 0 ? fileio::readAll(edited, kMaxIniFileSize) : std::nullopt;
+    if (status.isOk())
+        status = fileio::readAll(edited, kMaxIniFileSize, result);
     QFile::remove(edited);
-    if (result && !holdsEveryKey(*result, keyCount)) {
-        errno = ENOSPC;
-        result.reset();
-    }
-    return result;
+    if (status.isOk() && !holdsEveryKey(*result, keyCount))
+        status = Status::error(ENOSPC, "write " + edited + " (QSettings wrote it short)");
+    return status;
 }
 
 // The value under section/key of the INI file, or defaultValue when the file,
 // section or key is missing, or the file is refused or unreadable.
 QVariant iniValue(const QString& section, const QString& key, const QVariant& defaultValue, const QString& file)
 {
-    const std::optional<QByteArray> text = fileio::readAll(file, kMaxIniFileSize);
-    if (!text || text->isEmpty())
+    QByteArray text;
+    if (!fileio::readAll(file, kMaxIniFileSize, &text).isOk() || text.isEmpty())
         return defaultValue;
-    if (const std::optional<plainini::Text> plain = plainini::parse(*text)) {
+    if (const std::optional<plainini::Text> plain = plainini::parse(text)) {
         const QMap<QByteArray, QByteArray> keys = plain->value(section.toUtf8());
         return keys.contains(key.toUtf8()) ? QVariant(QString::fromUtf8(keys.value(key.toUtf8()))) : defaultValue;
     }
-    const QString scratch = scratchFileWith(*text);
-    if (scratch.isEmpty())
-        return defaultValue;
-    QVariant value;
-    {
+    QString scratch;
+    QVariant value = defaultValue;
+    if (scratchFileWith(text, &scratch).isOk()) {
         QSettings settings(scratch, QSettings::IniFormat);
         settings.beginGroup(section);
         value = settings.value(key, defaultValue);
@@ -170,51 +158,54 @@ QVariant iniValue(const QString& section, const QString& key, const QVariant& de
 // that adds a section and the first that does not are also formed by
 // QSettings and compared; should this Qt write plain text differently, every
 // later save goes through QSettings.
-std::optional<QByteArray> iniTextWith(const QByteArray& current, const QString& section, const QString& key,
-                                      const QString& value)
+Status iniTextWith(const QByteArray& current, const QString& section, const QString& key, const QString& value,
+                   QByteArray* text)
 {
-    auto byQSettings = [&] {
+    auto byQSettings = [&](QByteArray* result) {
         return editedIniText(current, [&](QSettings& settings) {
             settings.beginGroup(section);
             settings.setValue(key, value);
             settings.endGroup();
-        });
+        }, result);
     };
     enum Check { Unchecked, Agrees, Differs };
     static Check plainAgrees[2] = {Unchecked, Unchecked};  // [adds a section]
     std::optional<plainini::Text> plain = plainini::parse(current);
     const QByteArray name = section.toUtf8(), entry = key.toUtf8(), data = value.toUtf8();
     if (!plain || !plainini::isPlainName(name) || !plainini::isPlainName(entry) || !plainini::isPlainValue(data))
-        return byQSettings();
+        return byQSettings(text);
     Check& check = plainAgrees[plain->contains(name) ? 0 : 1];
     if (check == Differs)
-        return byQSettings();
+        return byQSettings(text);
     (*plain)[name][entry] = data;
-    const QByteArray text = plainini::format(*plain);
-    if (check == Unchecked) {
-        const std::optional<QByteArray> checked = byQSettings();
-        if (checked)
-            check = *checked == text ? Agrees : Differs;
-        return checked;
-    }
-    return text;
+    *text = plainini::format(*plain);
+    if (check == Agrees)
+        return Status::ok();
+    const QByteArray formed = *text;
+    const Status status = byQSettings(text);
+    if (status.isOk())
+        check = *text == formed ? Agrees : Differs;
+    return status;
 }
 
 }  // namespace
 
+// A Part operation: its outcome is a bool, with errno saying why it failed.
 bool commonfun::WritePrivateProfileString(QString section, QString key, QString value, QString file)
 {
     if (file.isEmpty() || section.isEmpty() || key.isEmpty())
         return true;  // nothing to write
-    std::optional<QByteArray> current = fileio::readAll(file, kMaxIniFileSize);
-    if (!current && errno == ENOENT)
-        current = QByteArray();
-    if (!current)
-        return false;
-    const std::optional<QByteArray> edited = iniTextWith(*current, section, key, value);
-    if (!edited)
-        return false;
-    return *edited == *current || fileio::replaceContents(file, *edited);
+    QByteArray current, edited;
+    Status status = fileio::readAll(file, kMaxIniFileSize, &current);
+    if (status.code() == ENOENT)
+        status = Status::ok();  // a new file
+    if (status.isOk())
+        status = iniTextWith(current, section, key, value, &edited);
+    if (status.isOk() && edited != current)
+        status = fileio::replaceContents(file, edited);
+    if (!status.isOk())
+        errno = status.code();
+    return status.isOk();
 }
 
 QString commonfun::GetPrivateProfileString(QString section, QString key, QString defaultValue, QString file)

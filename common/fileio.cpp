@@ -11,6 +11,8 @@ namespace fileio {
 
 namespace {
 
+QString named(const char* action, const QByteArray& path) { return QString(action) + " " + QString::fromUtf8(path); }
+
 // open(2) flags for an fopen mode; truncation is done after the open, once
 // the entry is known to be a regular file.
 int openFlags(const char* mode, bool* truncate)
@@ -26,72 +28,58 @@ int openFlags(const char* mode, bool* truncate)
 }
 
 // errno for an entry that is not a regular file.
-int specialEntryError(mode_t mode) { return S_ISDIR(mode) ? EISDIR : EINVAL; }
+int specialEntryError(mode_t mode) { return S_ISLNK(mode) ? ELOOP : S_ISDIR(mode) ? EISDIR : EINVAL; }
 
-// Closes fd keeping the errno of the failure that made us give up.
-void closeKeepingErrno(int fd)
+// A failure of the call just made, with fd closed.
+Status failedClosing(int fd, const char* action, const QByteArray& path)
 {
-    const int err = errno;
+    const Status status = Status::fromErrno(named(action, path));
     ::close(fd);
-    errno = err;
+    return status;
 }
 
-bool writeAll(int fd, const char* data, size_t size)
+Status writeAll(int fd, const char* data, size_t size, const QByteArray& path)
 {
     while (size > 0) {
         const ssize_t written = ::write(fd, data, size);
         if (written < 0 && errno == EINTR)
             continue;
-        if (written <= 0) {
-            if (written == 0)
-                errno = ENOSPC;
-            return false;
-        }
+        if (written < 0)
+            return Status::fromErrno(named("write", path));
+        if (written == 0)
+            return Status::error(ENOSPC, named("write", path));
         data += written;
         size -= size_t(written);
     }
-    return true;
-}
-
-// Creates the new file beside path under its one fixed name: whatever a
-// killed save left there (or a link planted there) is removed first, so
-// nothing piles up and nothing is written through a link.
-int createSibling(const QByteArray& path, mode_t mode, QByteArray* name)
-{
-    *name = path + ".new";
-    ::unlink(name->constData());
-    return ::open(name->constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+    return Status::ok();
 }
 
 // open(2) without following a link and without waiting on a FIFO, then only
-// a regular file is kept: -1 with errno set otherwise.
-int openRegular(const char* path, int flags, struct stat* info)
+// a regular file is kept.
+Status openRegular(const QByteArray& path, int flags, int* fd, struct stat* info)
 {
-    const int fd = ::open(path, flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, kFileMode);
-    if (fd < 0)
-        return -1;
-    if (::fstat(fd, info) != 0) {
-        closeKeepingErrno(fd);
-        return -1;
-    }
+    *fd = ::open(path.constData(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, kFileMode);
+    if (*fd < 0)
+        return Status::fromErrno(named("open", path));
+    if (::fstat(*fd, info) != 0)
+        return failedClosing(*fd, "fstat", path);
     if (!S_ISREG(info->st_mode)) {
-        ::close(fd);
-        errno = specialEntryError(info->st_mode);
-        return -1;
+        ::close(*fd);
+        return Status::error(specialEntryError(info->st_mode), named("open (not a regular file)", path));
     }
-    return fd;  // O_NONBLOCK means nothing for a regular file
+    return Status::ok();  // O_NONBLOCK means nothing for a regular file
 }
 
 // A file that another user owns, or that has other names, is not truncated
 // and reused: it is removed and a new file of the program's own is made.
 bool isOwnFile(const struct stat& info) { return info.st_uid == ::geteuid() && info.st_nlink == 1; }
 
-int replaceByOwnFile(int fd, const char* path, int flags, struct stat* info)
+Status replaceByOwnFile(int* fd, const QByteArray& path, int flags, struct stat* info)
 {
-    ::close(fd);
-    if (::unlink(path) != 0)
-        return -1;
-    return openRegular(path, flags | O_CREAT | O_EXCL, info);
+    ::close(*fd);
+    if (::unlink(path.constData()) != 0)
+        return Status::fromErrno(named("unlink", path));
+    return openRegular(path, flags | O_CREAT | O_EXCL, fd, info);
 }
 
 // A file the program writes gets the fixed mode when it is made anew
@@ -105,73 +93,179 @@ bool fixMode(int fd, const struct stat& info, bool truncate)
 
 }  // namespace
 
-FILE* openFile(const char* path, const char* mode)
+Status openFile(const char* path, const char* mode, FILE** file)
 {
+    *file = nullptr;
+    const QByteArray name(path);
     bool truncate = false;
     const int flags = openFlags(mode, &truncate);
-    if (flags < 0) {
-        errno = EINVAL;
-        return nullptr;
-    }
+    if (flags < 0)
+        return Status::error(EINVAL, named("open (bad mode)", name));
+    int fd = -1;
     struct stat info;
-    int fd = openRegular(path, flags, &info);
-    if (fd >= 0 && truncate && !isOwnFile(info))
-        fd = replaceByOwnFile(fd, path, flags, &info);
-    if (fd < 0)
-        return nullptr;
+    Status status = openRegular(name, flags, &fd, &info);
+    if (status.isOk() && truncate && !isOwnFile(info))
+        status = replaceByOwnFile(&fd, name, flags, &info);
+    if (!status.isOk())
+        return status;
     const bool writes = (flags & (O_WRONLY | O_RDWR)) != 0;
-    if ((writes && !fixMode(fd, info, truncate)) || (truncate && info.st_size != 0 && ::ftruncate(fd, 0) != 0)) {
-        closeKeepingErrno(fd);
-        return nullptr;
-    }
-    FILE* file = ::fdopen(fd, mode);
-    if (!file)
-        closeKeepingErrno(fd);
-    return file;
+    if (writes && !fixMode(fd, info, truncate))
+        return failedClosing(fd, "fchmod", name);
+    if (truncate && info.st_size != 0 && ::ftruncate(fd, 0) != 0)
+        return failedClosing(fd, "ftruncate", name);
+    *file = ::fdopen(fd, mode);
+    return *file ? Status::ok() : failedClosing(fd, "fdopen", name);
 }
 
-int openForReading(const char* path, qint64* size)
+Status syncFile(FILE* file)
+{
+    if (std::fflush(file) != 0)
+        return Status::fromErrno("write (flush)");
+    return ::fdatasync(fileno(file)) == 0 ? Status::ok() : Status::fromErrno("fdatasync");
+}
+
+Status openForReading(const char* path, int* fd, qint64* size)
 {
     struct stat info;
-    const int fd = openRegular(path, O_RDONLY, &info);
-    if (fd >= 0)
+    const Status status = openRegular(QByteArray(path), O_RDONLY, fd, &info);
+    if (status.isOk())
         *size = info.st_size;
-    return fd;
+    return status;
 }
 
-size_t readUpTo(int fd, void* buffer, size_t length, qint64 offset)
+Status readAt(int fd, void* buffer, size_t length, qint64 offset, size_t* got)
 {
-    size_t got = 0;
-    while (got < length) {
-        const ssize_t n = ::pread(fd, static_cast<char*>(buffer) + got, length - got, off_t(offset) + off_t(got));
+    *got = 0;
+    while (*got < length) {
+        const ssize_t n = ::pread(fd, static_cast<char*>(buffer) + *got, length - *got, off_t(offset) + off_t(*got));
         if (n < 0 && errno == EINTR)
             continue;
-        if (n <= 0)
+        if (n < 0)
+            return Status::fromErrno("pread");
+        if (n == 0)
             break;
-        got += size_t(n);
+        *got += size_t(n);
     }
-    return got;
+    return Status::ok();
 }
-
-bool readAt(int fd, void* buffer, size_t length, qint64 offset) { return readUpTo(fd, buffer, length, offset) == length; }
 
 void closeFd(int fd) { ::close(fd); }
 
-bool syncFile(FILE* file) { return std::fflush(file) == 0 && ::fdatasync(fileno(file)) == 0; }
-
-bool syncDirectory(const QString& directory)
+Status readAll(const QString& path, qint64 maxSize, QByteArray* contents)
 {
-    const int fd = ::open(directory.toUtf8().constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    if (::fsync(fd) != 0) {
-        closeKeepingErrno(fd);
-        return false;
+    const QByteArray name = path.toUtf8();
+    FILE* file = nullptr;
+    Status status = openFile(name.constData(), "rb", &file);
+    if (!status.isOk())
+        return status;
+    struct stat info;
+    if (::fstat(fileno(file), &info) != 0) {
+        status = Status::fromErrno(named("fstat", name));
+    } else if (info.st_size > maxSize) {
+        status = Status::error(EFBIG, named("read (too large)", name));
+    } else {
+        QByteArray data(int(info.st_size), '\0');
+        if (std::fread(data.data(), 1, size_t(data.size()), file) == size_t(data.size()))
+            *contents = data;
+        else
+            status = Status::error(std::ferror(file) ? errno : EIO, named("read", name));
     }
-    return ::close(fd) == 0;
+    std::fclose(file);
+    return status;
 }
 
-bool makeDirectory(const QString& path) { return ::mkdir(path.toUtf8().constData(), kDirectoryMode) == 0; }
+Status replaceContents(const QString& path, const QByteArray& bytes)
+{
+    const QByteArray target = path.toUtf8();
+    struct stat info;
+    if (::lstat(target.constData(), &info) == 0) {
+        if (!S_ISREG(info.st_mode))
+            return Status::error(specialEntryError(info.st_mode), named("replace (not a regular file)", target));
+    } else if (errno != ENOENT) {
+        return Status::fromErrno(named("lstat", target));
+    }
+
+    // The new file beside the old one has one fixed name: whatever a killed
+    // save left there (or a link planted there) is removed first, so nothing
+    // piles up and nothing is written through a link. It never inherits the
+    // old file's mode or owner.
+    const QByteArray sibling = target + ".new";
+    ::unlink(sibling.constData());
+    const int fd = ::open(sibling.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode);
+    if (fd < 0)
+        return Status::fromErrno(named("open", sibling));
+    Status status = ::fchmod(fd, kFileMode) == 0 ? writeAll(fd, bytes.constData(), size_t(bytes.size()), sibling)
+                                                  : Status::fromErrno(named("fchmod", sibling));
+    if (status.isOk() && ::fdatasync(fd) != 0)
+        status = Status::fromErrno(named("fdatasync", sibling));
+    if (::close(fd) != 0 && status.isOk())
+        status = Status::fromErrno(named("close", sibling));
+    if (status.isOk() && ::rename(sibling.constData(), target.constData()) != 0)
+        status = Status::fromErrno(named("rename", sibling));
+    if (!status.isOk())
+        ::unlink(sibling.constData());
+    return status;
+}
+
+Status writeNewFile(const QString& path, const QByteArray& bytes)
+{
+    const QByteArray name = path.toUtf8();
+    const int fd = ::open(name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0)
+        return Status::fromErrno(named("open", name));
+    Status status = writeAll(fd, bytes.constData(), size_t(bytes.size()), name);
+    if (::close(fd) != 0 && status.isOk())
+        status = Status::fromErrno(named("close", name));
+    return status;
+}
+
+Status renameFile(const QString& source, const QString& destination)
+{
+    const QByteArray from = source.toUtf8();
+    return ::rename(from.constData(), destination.toUtf8().constData()) == 0 ? Status::ok()
+                                                                              : Status::fromErrno(named("rename", from));
+}
+
+Status makeDirectory(const QString& path)
+{
+    const QByteArray name = path.toUtf8();
+    return ::mkdir(name.constData(), kDirectoryMode) == 0 ? Status::ok() : Status::fromErrno(named("mkdir", name));
+}
+
+Status syncDirectory(const QString& directory)
+{
+    const QByteArray name = directory.toUtf8();
+    const int fd = ::open(name.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return Status::fromErrno(named("open", name));
+    if (::fsync(fd) != 0)
+        return failedClosing(fd, "fsync", name);
+    return ::close(fd) == 0 ? Status::ok() : Status::fromErrno(named("close", name));
+}
+
+Status privateDirectory(const QString& path)
+{
+    const QByteArray name = path.toUtf8();
+    if (::mkdir(name.constData(), 0700) == 0)
+        return Status::ok();
+    struct stat info;
+    if (errno != EEXIST || ::lstat(name.constData(), &info) != 0)
+        return Status::fromErrno(named("mkdir", name));
+    if (!S_ISDIR(info.st_mode) || info.st_uid != ::geteuid() || (info.st_mode & 077) != 0)
+        return Status::error(EPERM, named("use (not a private directory of this user)", name));
+    return Status::ok();
+}
+
+Status lockDirectory(const QString& path)
+{
+    const QByteArray name = path.toUtf8();
+    const int fd = ::open(name.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return Status::fromErrno(named("open", name));
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0)
+        return failedClosing(fd, "flock", name);
+    return Status::ok();  // fd stays open: the lock is held until the process ends
+}
 
 QString parentDirectory(const QString& path)
 {
@@ -182,117 +276,12 @@ QString parentDirectory(const QString& path)
     return slash < 0 ? QString(".") : slash == 0 ? QString("/") : trimmed.left(slash);
 }
 
-bool privateDirectory(const QString& path)
-{
-    const QByteArray name = path.toUtf8();
-    if (::mkdir(name.constData(), 0700) == 0)
-        return true;
-    struct stat info;
-    if (errno != EEXIST || ::lstat(name.constData(), &info) != 0)
-        return false;
-    if (!S_ISDIR(info.st_mode) || info.st_uid != ::geteuid() || (info.st_mode & 077) != 0) {
-        errno = EPERM;
-        return false;
-    }
-    return true;
-}
-
-int lockDirectory(const QString& path)
-{
-    const int fd = ::open(path.toUtf8().constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return -1;
-    if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        closeKeepingErrno(fd);
-        return -1;
-    }
-    return fd;
-}
-
 bool exists(const char* path) { return path[0] != '\0' && ::access(path, F_OK) == 0; }
 
 bool isSpecialEntry(const QString& path)
 {
     struct stat info;
     return ::lstat(path.toUtf8().constData(), &info) == 0 && !S_ISREG(info.st_mode);
-}
-
-std::optional<QByteArray> readAll(const QString& path, qint64 maxSize)
-{
-    FILE* file = openFile(path.toUtf8().constData(), "rb");
-    if (!file)
-        return std::nullopt;
-    struct stat info;
-    std::optional<QByteArray> bytes;
-    if (::fstat(fileno(file), &info) != 0) {
-        // errno says why
-    } else if (info.st_size > maxSize) {
-        errno = EFBIG;
-    } else {
-        QByteArray data(int(info.st_size), '\0');
-        // Fewer bytes than the file held, even without an error, is not its
-        // contents: a save made from them would drop the rest.
-        if (std::fread(data.data(), 1, size_t(data.size()), file) != size_t(data.size()))
-            errno = EIO;
-        else
-            bytes = data;
-    }
-    const int err = errno;
-    std::fclose(file);
-    errno = err;
-    return bytes;
-}
-
-bool replaceContents(const QString& path, const QByteArray& bytes)
-{
-    const QByteArray target = path.toUtf8();
-    struct stat info;
-    if (::lstat(target.constData(), &info) == 0) {
-        if (!S_ISREG(info.st_mode)) {
-            errno = S_ISLNK(info.st_mode) ? ELOOP : specialEntryError(info.st_mode);
-            return false;
-        }
-    } else if (errno != ENOENT) {
-        return false;
-    }
-
-    // The new file never inherits the old one's mode or owner: it is the
-    // program's own, with the fixed mode.
-    QByteArray sibling;
-    const int fd = createSibling(target, kFileMode, &sibling);
-    if (fd < 0)
-        return false;
-    bool written = ::fchmod(fd, kFileMode) == 0 && writeAll(fd, bytes.constData(), size_t(bytes.size())) &&
-                   ::fdatasync(fd) == 0;
-    if (written) {
-        written = ::close(fd) == 0;
-    } else {
-        closeKeepingErrno(fd);
-    }
-    if (!written || ::rename(sibling.constData(), target.constData()) != 0) {
-        const int err = errno;
-        ::unlink(sibling.constData());
-        errno = err;
-        return false;
-    }
-    return true;
-}
-
-bool writeNewFile(const QString& path, const QByteArray& bytes)
-{
-    const int fd = ::open(path.toUtf8().constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0)
-        return false;
-    if (!writeAll(fd, bytes.constData(), size_t(bytes.size()))) {
-        closeKeepingErrno(fd);
-        return false;
-    }
-    return ::close(fd) == 0;
-}
-
-bool renameFile(const QString& source, const QString& destination)
-{
-    return ::rename(source.toUtf8().constData(), destination.toUtf8().constData()) == 0;
 }
 
 bool sameFile(const QString& first, const QString& second)

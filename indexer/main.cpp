@@ -57,18 +57,19 @@ void printVersion()
 // DB host directory there is nothing to protect, and the run finds nothing.
 bool takeRunLock(const QString& hostPath, const char* reportAs)
 {
-    if (!QDir(hostPath).exists() || fileio::lockDirectory(hostPath) >= 0)
+    if (!QDir(hostPath).exists())
         return true;
-    const int error = errno;
+    const Status locked = fileio::lockDirectory(hostPath);
+    if (locked.isOk())
+        return true;
     const QByteArray host = hostPath.toUtf8();
-    if (error == EWOULDBLOCK) {
-        LOGGER::CLogger::getInstance()->Error(reportAs, error, kRunLockHeld, host.constData());
+    const bool held = locked.code() == EWOULDBLOCK;
+    LOGGER::CLogger::getInstance()->Error(reportAs, locked.code(), held ? kRunLockHeld : kRunLockFailed,
+                                          host.constData());
+    if (held)
         std::fprintf(stderr, "nxindexer: another run is indexing %s; this run does nothing\n", host.constData());
-    } else {
-        LOGGER::CLogger::getInstance()->Error(reportAs, error, kRunLockFailed, host.constData());
-        std::fprintf(stderr, "nxindexer: could not lock %s (%s); this run does nothing\n", host.constData(),
-                     std::strerror(error));
-    }
+    else
+        std::fprintf(stderr, "nxindexer: %s; this run does nothing\n", locked.toString().toUtf8().constData());
     return false;
 }
 

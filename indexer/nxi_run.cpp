@@ -16,18 +16,16 @@ namespace {
 
 constexpr unsigned long kBucketPauseMs = 50;
 
-enum class Directory { Ready, NotCreated, NotDurable };
-
 // Makes sure the directory exists (creating one level) and that its entry is
 // on disk in its parent before any mark or status file relies on what it
-// holds. The parent is synced at every run, not only after a mkdir: a run
-// killed between the two leaves a directory whose entry a power cut may
-// still take away.
-Directory ensureDirectory(const QString& path)
+// holds: *created says whether the directory is there. The parent is synced
+// at every run, not only after a mkdir: a run killed between the two leaves a
+// directory whose entry a power cut may still take away.
+Status ensureDirectory(const QString& path, bool* created)
 {
-    if (!QDir(path).exists() && !fileio::makeDirectory(path))
-        return Directory::NotCreated;
-    return fileio::syncDirectory(fileio::parentDirectory(path)) ? Directory::Ready : Directory::NotDurable;
+    const Status made = QDir(path).exists() ? Status::ok() : fileio::makeDirectory(path);
+    *created = made.isOk();
+    return made.isOk() ? fileio::syncDirectory(fileio::parentDirectory(path)) : made;
 }
 
 // The status file head: the 256 block offsets, little-endian.
@@ -82,9 +80,10 @@ void nxi::StartIndexer(char* dbName)
 bool nxi::CreateStatusFile(const char* reportAs)
 {
     const QByteArray path = m_SbfTmpPath.toUtf8();
-    FILE* file = fileio::openFile(path.constData(), "wb+");
-    if (!file) {
-        NXI_ERROR_AS(reportAs, "Error:Could not open following file for writing- %s", path.constData());
+    FILE* file = nullptr;
+    const Status opened = fileio::openFile(path.constData(), "wb+", &file);
+    if (!opened.isOk()) {
+        NXI_FAILED_AS(reportAs, opened, "Error:Could not open following file for writing- %s", path.constData());
         return false;
     }
     unsigned char head[nxformat::kStatusHeadSize] = {};
@@ -103,25 +102,24 @@ bool nxi::CreateStatusFile(const char* reportAs)
 
 bool nxi::PrepareDirectories(const char* reportAs)
 {
-    auto notDurable = [reportAs](const QString& path) {
-        NXI_ERROR_AS(reportAs, kDirectorySyncFailed, fileio::parentDirectory(path).toUtf8().constData());
-        return false;
-    };
     // Each step's directory, or the step's own line when it cannot be created.
-    auto ready = [&](const QString& path, const char* notCreated) {
-        switch (ensureDirectory(path)) {
-        case Directory::Ready: return true;
-        case Directory::NotDurable: return notDurable(path);
-        case Directory::NotCreated: break;
-        }
-        NXI_ERROR_AS(reportAs, notCreated, path.toUtf8().constData());
+    auto ready = [reportAs](const QString& path, const char* notCreated) {
+        bool created = false;
+        const Status status = ensureDirectory(path, &created);
+        if (status.isOk())
+            return true;
+        if (created)
+            NXI_FAILED_AS(reportAs, status, kDirectorySyncFailed, fileio::parentDirectory(path).toUtf8().constData());
+        else if (notCreated)
+            NXI_FAILED_AS(reportAs, status, notCreated, path.toUtf8().constData());
         return false;
     };
 
     m_HlPath = QString::asprintf("%s/hl/", m_HostPath.toUtf8().constData());
-    // A helper root that cannot be created shows below, at the database's helper directory.
-    if (ensureDirectory(m_HlPath) == Directory::NotDurable)
-        return notDurable(m_HlPath);
+    // A helper root that cannot be created shows below, at the database's helper directory; one that
+    // exists but could not be made durable ends the run here.
+    if (!ready(m_HlPath, nullptr) && QDir(m_HlPath).exists())
+        return false;
     m_IdxnDbPath = QString::asprintf("%s/idxn/", m_HostPath.toUtf8().constData());
     if (!ready(m_IdxnDbPath, "Error: Could not create idxn directory in txhost - %s"))
         return false;
@@ -178,9 +176,10 @@ void nxi::IndexBucket(int bucket, int lastMergedFile, int dbCount, const char* r
 void nxi::CompleteStatusFile(const char* reportAs)
 {
     const QByteArray path = m_SbfTmpPath.toUtf8();
-    FILE* file = fileio::openFile(path.constData(), "rb+");
-    if (!file) {
-        NXI_ERROR_AS(reportAs, "Error:Could not open following file for writing - %s", path.constData());
+    FILE* file = nullptr;
+    const Status opened = fileio::openFile(path.constData(), "rb+", &file);
+    if (!opened.isOk()) {
+        NXI_FAILED_AS(reportAs, opened, "Error:Could not open following file for writing - %s", path.constData());
         DeleteFile(m_SbfTmpPath);
         return;
     }
@@ -193,7 +192,7 @@ void nxi::CompleteStatusFile(const char* reportAs)
     // is on disk before the rename below installs it.
     unsigned char head[nxformat::kStatusHeadSize];
     encodeStatusHead(m_SbfOffsets, head);
-    bool written = std::fwrite(head, sizeof head, 1, file) == 1 && fileio::syncFile(file);
+    bool written = std::fwrite(head, sizeof head, 1, file) == 1 && fileio::syncFile(file).isOk();
     written = std::fclose(file) == 0 && written;
     if (!written)
         NXI_ERROR_AS(reportAs, "Error:fwrite failed for the following file- %s", path.constData());
@@ -208,6 +207,6 @@ void nxi::CompleteStatusFile(const char* reportAs)
         NXI_ERROR_AS(reportAs, kIniWriteFailed, sizeRecord.toUtf8().constData());
     if (!m_CommonFun->MoveFile(m_SbfTmpPath, m_SbfPath))
         NXI_ERROR_AS(reportAs, "Error:MoveFileEx failed for the following file- %s", path.constData());
-    else if (!fileio::syncDirectory(m_HostPath))
-        NXI_ERROR_AS(reportAs, kDirectorySyncFailed, m_HostPath.toUtf8().constData());
+    else if (const Status synced = fileio::syncDirectory(m_HostPath); !synced.isOk())
+        NXI_FAILED_AS(reportAs, synced, kDirectorySyncFailed, m_HostPath.toUtf8().constData());
 }

@@ -22,7 +22,9 @@ bool readBucketStartSlots(int fd, int bucket, DWORD* range)
     const int first = bucket == 0 ? 1 : bucket;
     const int count = bucket == 0 || bucket == nxformat::kBucketCount - 1 ? 1 : 2;
     unsigned char bytes[8];
-    if (!fileio::readAt(fd, bytes, size_t(4 * count), nxformat::bucketStartSlotOffset(first)))
+    size_t got = 0;
+    if (!fileio::readAt(fd, bytes, size_t(4 * count), nxformat::bucketStartSlotOffset(first), &got).isOk() ||
+        got != size_t(4 * count))
         return false;
     for (int i = 0; i < count; ++i)
         range[(bucket == 0 ? 1 : 0) + i] = nxformat::readLE32(bytes + 4 * i);
@@ -88,7 +90,8 @@ bool nxi::ReadIndexBuffer(char* path, DWORD offset, DWORD length)
         return false;
     }
     // One positioned read straight into the table: no seek that could fail.
-    const size_t got = fileio::readUpTo(fd, m_EntryCursor, length, offset);
+    size_t got = 0;
+    fileio::readAt(fd, m_EntryCursor, length, offset, &got);  // a failed read leaves errno for the line below
     if (got != length) {
         // Leave no partial range behind: the next range fills the same place.
         memset(m_EntryCursor, 0, got);

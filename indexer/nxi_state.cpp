@@ -67,12 +67,13 @@ void nxi::getHlpINIData(int* marks, QString path)
 {
     if (!m_CommonFun->PathFileExists(path))
         return;
-    std::optional<QByteArray> read = fileio::readAll(path, kMaxProgressFileSize);
-    if (!read) {
-        NXI_ERROR(kReadFailed, path.toUtf8().constData());  // every bucket starts over from file 0
+    QByteArray text;
+    const Status read = fileio::readAll(path, kMaxProgressFileSize, &text);
+    if (!read.isOk()) {
+        NXI_FAILED(read, kReadFailed, path.toUtf8().constData());  // every bucket starts over from file 0
         return;
     }
-    nxformat::parseProgressMarks(*read, marks);
+    nxformat::parseProgressMarks(text, marks);
 }
 
 void nxi::Updateini(int bucket, int mark)

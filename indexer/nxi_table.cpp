@@ -97,9 +97,10 @@ bool nxi::ReadHelperFile(int bucket)
     QByteArray path = name.toUtf8();
     if (!m_CommonFun->PathFileExists(name))
         return false;
-    FILE* file = fileio::openFile(path.constData(), "rb");
-    if (!file) {
-        NXI_ERROR("Error:Unable to get file size! - %s", path.constData());
+    FILE* file = nullptr;
+    const Status opened = fileio::openFile(path.constData(), "rb", &file);
+    if (!opened.isOk()) {
+        NXI_FAILED(opened, "Error:Unable to get file size! - %s", path.constData());
         return false;
     }
     DWORD size = DWORD(m_CommonFun->GetFileSize(name));

@@ -94,13 +94,14 @@ bool writePendingFiles(const nxi& owner, int bucket, const BucketLists& lists, c
     };
     for (const PendingFile& pending : pendingFiles) {
         QByteArray path = indexFilePath(owner, pending.file, Generation::Pending, bucket).toUtf8();
-        FILE* file = fileio::openFile(path.constData(), "wb+");
-        if (!file) {
-            NXI_ERROR_AS(reportAs, pending.openFailedMessage, path.constData());
+        FILE* file = nullptr;
+        const Status opened = fileio::openFile(path.constData(), "wb+", &file);
+        if (!opened.isOk()) {
+            NXI_FAILED_AS(reportAs, opened, pending.openFailedMessage, path.constData());
             return false;
         }
         // On disk before the rotation's rename can install it.
-        bool written = writeChunks(file, pending.chunks) && fileio::syncFile(file);
+        bool written = writeChunks(file, pending.chunks) && fileio::syncFile(file).isOk();
         written = fclose(file) == 0 && written;
         if (!written) {
             logFwriteFailed(reportAs, path);
@@ -115,12 +116,11 @@ bool writePendingFiles(const nxi& owner, int bucket, const BucketLists& lists, c
 bool appendBucketBlock(nxi& owner, int bucket, DWORD count, const BucketLists& lists, const char* reportAs)
 {
     QByteArray statusPath = owner.m_SbfTmpPath.toUtf8();
-    FILE* status = fileio::openFile(statusPath.constData(), "ab+");
-    if (!status) {
-        const int err = errno;
-        NXI_ERROR_AS(reportAs, "Could not open following file for writing- code -> %d ", err);
-        errno = err;
-        NXI_ERROR_AS(reportAs, "%s", statusPath.constData());  // the path as plain text
+    FILE* status = nullptr;
+    const Status opened = fileio::openFile(statusPath.constData(), "ab+", &status);
+    if (!opened.isOk()) {
+        NXI_FAILED_AS(reportAs, opened, "Could not open following file for writing- code -> %d ", opened.code());
+        NXI_FAILED_AS(reportAs, opened, "%s", statusPath.constData());  // the path as plain text
         return false;
     }
     long blockOffset = fseek(status, 0, SEEK_END) == 0 ? ftell(status) : -1;
@@ -216,8 +216,9 @@ bool nxi::RotateIndexFiles(int bucket, const char* reportAs)
     // The new names are on disk before the caller records the bucket's mark,
     // so that a power loss never leaves a mark ahead of its files.
     for (const QString& directory : {m_IdxnDbPath, m_HlpPath}) {
-        if (!fileio::syncDirectory(directory)) {
-            NXI_ERROR_AS(reportAs, kDirectorySyncFailed, directory.toUtf8().constData());
+        const Status synced = fileio::syncDirectory(directory);
+        if (!synced.isOk()) {
+            NXI_FAILED_AS(reportAs, synced, kDirectorySyncFailed, directory.toUtf8().constData());
             return false;
         }
     }

@@ -26,6 +26,11 @@
 
 #define NXI_TRACE_AS(reportAs, ...) LOGGER::CLogger::getInstance()->Trace((reportAs), __VA_ARGS__)
 
+// An Error whose code is that of a failed Status (see status.h), taken where
+// the system call failed, rather than whatever errno holds by now.
+#define NXI_FAILED_AS(reportAs, status, ...) \
+    LOGGER::CLogger::getInstance()->Error((reportAs), (status).code(), __VA_ARGS__)
+
 // Reports of the program's own beside those every run makes: what it refused
 // or could not make durable.
 constexpr const char* kIniWriteFailed = "Error:WritePrivateProfileString failed for the following file- %s";
@@ -35,5 +40,6 @@ constexpr const char* kReadFailed = "Error:Could not read the following file- %s
 
 #define NXI_ERROR(...) NXI_ERROR_AS(NXI_OPERATION, __VA_ARGS__)
 #define NXI_TRACE(...) NXI_TRACE_AS(NXI_OPERATION, __VA_ARGS__)
+#define NXI_FAILED(status, ...) NXI_FAILED_AS(NXI_OPERATION, status, __VA_ARGS__)
 
 #endif

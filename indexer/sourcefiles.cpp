@@ -45,9 +45,11 @@ int SourceFiles::open(const char* path, qint64* size)
         ::close(kept->fd);
         m_Kept.erase(kept);
     }
-    const int fd = fileio::openForReading(path, size);
-    if (fd < 0)
+    int fd = -1;
+    if (const Status opened = fileio::openForReading(path, &fd, size); !opened.isOk()) {
+        errno = opened.code();  // the caller's line reports it
         return -1;
+    }
     if (::fstat(fd, &now) != 0) {
         fileio::closeFd(fd);
         return -1;

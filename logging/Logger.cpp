@@ -359,11 +359,12 @@ void CLogger::moveToBackup()
 
 FILE* CLogger::openLogFile(char const* mode)
 {
-    FILE* file = fileio::openFile(m_LogFilePath.c_str(), mode);
-    if (file == nullptr && !m_OpenFailureTold && !(errno == ENOENT && std::strcmp(mode, kUpdateMode) == 0)) {
+    FILE* file = nullptr;
+    const Status status = fileio::openFile(m_LogFilePath.c_str(), mode, &file);
+    if (!status.isOk() && !m_OpenFailureTold && !(status.code() == ENOENT && std::strcmp(mode, kUpdateMode) == 0)) {
         m_OpenFailureTold = true;
         std::fprintf(stderr, "%s: could not open the log file %s: %s\n", programName().toUtf8().constData(),
-                     m_LogFilePath.c_str(), std::strerror(errno));
+                     m_LogFilePath.c_str(), std::strerror(status.code()));
     }
     return file;
 }

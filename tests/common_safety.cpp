@@ -35,17 +35,35 @@ TEST_F(CommonSafety, OpenRefusesLinksAndSpecialFilesAndTruncatesOnlyRegularOnes)
         {"dir", "rb", EISDIR}, {"dir", "wb+", EISDIR}, {"fifo", "rb", EINVAL}, {"fifo", "wb+", EINVAL},
         {"missing", "rb", ENOENT}};
     for (const auto& c : cases) {
-        errno = 0;
-        EXPECT_EQ(fileio::openFile(path(c.name).toUtf8().constData(), c.mode), nullptr) << c.name << " " << c.mode;
-        EXPECT_EQ(errno, c.error) << c.name << " " << c.mode;
+        FILE* file = nullptr;
+        EXPECT_EQ(fileio::openFile(path(c.name).toUtf8().constData(), c.mode, &file).code(), c.error)
+            << c.name << " " << c.mode;
+        EXPECT_EQ(file, nullptr);
     }
     EXPECT_EQ(nxtest::readFile(path("file")), QByteArray("contents"));
-    FILE* file = fileio::openFile(path("file").toUtf8().constData(), "wb+");
-    ASSERT_NE(file, nullptr);
-    EXPECT_EQ(std::fwrite("new", 3, 1, file), 1u);
-    EXPECT_TRUE(fileio::syncFile(file));
-    std::fclose(file);
+
+    // Another user's setuid file is made anew, owned by this user with the fixed mode; one added to loses its bits.
+    struct stat after;
+    ASSERT_EQ(::chmod(path("file").toUtf8().constData(), 06777), 0);
+    nxtest::writeFile(path("log"), "old ");
+    ASSERT_EQ(::chmod(path("log").toUtf8().constData(), 06777), 0);
+    if (::geteuid() == 0) {
+        ASSERT_EQ(::chown(path("file").toUtf8().constData(), 65534, 65534), 0);
+    }
+    for (const char* name : {"file", "log"}) {
+        FILE* file = nullptr;
+        ASSERT_TRUE(fileio::openFile(path(name).toUtf8().constData(), name[0] == 'f' ? "wb+" : "ab+", &file).isOk());
+        EXPECT_EQ(std::fwrite("new", 3, 1, file), 1u);
+        EXPECT_TRUE(fileio::syncFile(file).isOk());
+        std::fclose(file);
+    }
     EXPECT_EQ(nxtest::readFile(path("file")), QByteArray("new"));
+    EXPECT_EQ(nxtest::readFile(path("log")), QByteArray("old new"));
+    ASSERT_EQ(::stat(path("file").toUtf8().constData(), &after), 0);
+    EXPECT_EQ(after.st_uid, ::geteuid());
+    EXPECT_EQ(after.st_mode & 07777, 0644u);
+    ASSERT_EQ(::stat(path("log").toUtf8().constData(), &after), 0);
+    EXPECT_EQ(after.st_mode & 07777, 0644u);
 }
 
 TEST_F(CommonSafety, MoveNeverLeavesTheDestinationMissingNorCopies)

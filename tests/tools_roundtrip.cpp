@@ -34,8 +34,8 @@ TEST(ToolsRoundTrip, EveryGeneratedRecordIsFoundAndVerifyNamesEachDamage)
                     const QByteArray record = buckets[bucket].mid(at, 16);
                     const uint32_t key = nxformat::readLE32(reinterpret_cast<const unsigned char*>(record.data()));
                     QVector<nxinspect::Match> found;
-                    QString error;
-                    ASSERT_TRUE(reader.lookup(key, &found, &error)) << qPrintable(error);
+                    const Status status = reader.lookup(key, &found);
+                    ASSERT_TRUE(status.isOk()) << qPrintable(status.toString());
                     EXPECT_TRUE(std::any_of(found.begin(), found.end(), [&](const nxinspect::Match& m) {
                         return m.bucket == bucket && m.key == key && m.payload == record.mid(4);
                     })) << qPrintable(db) << " key " << std::hex << key;

@@ -12,6 +12,7 @@
 #include <QVector>
 
 #include "indexformat.h"
+#include "status.h"
 
 #include <cstdint>
 #include <optional>
@@ -32,9 +33,9 @@ QStringList indexedDatabases(const QString& host);
 QString indexFilePath(const QString& host, const QString& db, nxformat::IndexFile file,
                       nxformat::Generation generation, int bucket);
 
-// Reads a whole file. False when it is missing or unreadable; *error then
-// names the file and the reason.
-bool readWholeFile(const QString& path, QByteArray* bytes, QString* error);
+// Reads a whole file (up to 1 GiB; never through a symbolic link).
+constexpr qint64 kMaxReadSize = qint64(1) << 30;
+Status readWholeFile(const QString& path, QByteArray* bytes);
 
 // One broken invariant: which file, which bucket (-1 for none), where in it
 // ("position 12", "group slot 07", "head slot 3f", ...) and what is wrong.
@@ -70,9 +71,9 @@ class IndexReader
 {
 public:
     IndexReader(const QString& host, const QString& db);
-    // Every record with key. False with *error set when an index file
-    // cannot be read or the files of a bucket disagree.
-    bool lookup(uint32_t key, QVector<Match>* matches, QString* error);
+    // Every record with key; not ok when an index file cannot be read or
+    // the files of a bucket disagree (EBADMSG).
+    Status lookup(uint32_t key, QVector<Match>* matches);
 
 private:
     struct Bucket {
@@ -82,9 +83,9 @@ private:
         QVector<uint16_t> groupTable;
         int sharedTopByte = -1;  // -1: the bucket's keys differ in byte 3
     };
-    bool load(int bucket, QString* error);
-    bool findInBucket(int bucket, uint32_t key, QVector<int>* positions, QString* error);
-    bool readPayload(int bucket, int position, QByteArray* payload, QString* error);
+    Status load(int bucket);
+    Status findInBucket(int bucket, uint32_t key, QVector<int>* positions);
+    Status readPayload(int bucket, int position, QByteArray* payload);
     QString currentPath(nxformat::IndexFile file, int bucket) const;
 
     QString m_Host;

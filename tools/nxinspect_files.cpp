@@ -1,5 +1,7 @@
 #include "nxinspect.h"
 
+#include "fileio.h"
+
 #include <QDir>
 #include <QFile>
 #include <QRegularExpression>
@@ -57,19 +59,9 @@ QString indexFilePath(const QString& host, const QString& db, nxformat::IndexFil
     return dir + "/" + nxformat::indexFileName(file, generation, bucket);
 }
 
-bool readWholeFile(const QString& path, QByteArray* bytes, QString* error)
+Status readWholeFile(const QString& path, QByteArray* bytes)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = path + ": " + file.errorString();
-        return false;
-    }
-    *bytes = file.readAll();
-    if (file.error() != QFileDevice::NoError) {
-        *error = path + ": " + file.errorString();
-        return false;
-    }
-    return true;
+    return fileio::readAll(path, kMaxReadSize, bytes);
 }
 
 QString Violation::text() const

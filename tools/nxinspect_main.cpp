@@ -96,9 +96,9 @@ int runVerify(const QString& host, const QStringList& databases)
 int runLookup(const QString& host, const QString& db, uint32_t key)
 {
     QVector<nxinspect::Match> matches;
-    QString error;
-    if (!nxinspect::IndexReader(host, db).lookup(key, &matches, &error))
-        return fail(error);
+    const Status found = nxinspect::IndexReader(host, db).lookup(key, &matches);
+    if (!found.isOk())
+        return fail(found.code() == EBADMSG ? found.what() : found.toString());
     for (const nxinspect::Match& match : matches)
         printf("%s bucket %02x position %d: key %08x payload %s\n", qPrintable(db), match.bucket, match.position,
                match.key, match.payload.toHex().constData());

@@ -27,8 +27,7 @@ void addIndexFiles(const QString& host, DatabaseSummary* summary)
         ++summary->buckets;
         summary->keyBytes += sizeOf(keyPath);
         QByteArray bytes;
-        QString error;
-        if (readWholeFile(keyPath, &bytes, &error))
+        if (readWholeFile(keyPath, &bytes).isOk())
             if (std::optional<nxformat::KeyFile> keyFile = nxformat::parseKeyFile(bytes))
                 summary->records += uint64_t(keyFile->keys.size());
         summary->payloadBytes += sizeOf(indexFilePath(host, summary->db, IndexFile::Payload, Generation::Current, bucket));
@@ -41,8 +40,7 @@ void addStatusFile(const QString& host, DatabaseSummary* summary)
     QString path = nxformat::statusFilePath(host, summary->db);
     summary->hasStatusFile = QFileInfo::exists(path);
     QByteArray bytes;
-    QString error;
-    if (summary->hasStatusFile && readWholeFile(path, &bytes, &error)) {
+    if (summary->hasStatusFile && readWholeFile(path, &bytes).isOk()) {
         summary->statusBytes = uint64_t(bytes.size());
         if (std::optional<QVector<DWORD>> head = nxformat::parseStatusHead(bytes))
             summary->blocks = int(std::count_if(head->begin(), head->end(), [](DWORD offset) { return offset != 0; }));

@@ -61,11 +61,10 @@ private:
 
     bool read(const QString& path, int bucket, QByteArray* bytes)
     {
-        QString error;
-        if (readWholeFile(path, bytes, &error))
-            return true;
-        report(path, bucket, QString(), "cannot be read: " + error);
-        return false;
+        const Status read = readWholeFile(path, bytes);
+        if (!read.isOk())
+            report(path, bucket, QString(), "cannot be read: " + read.toString());
+        return read.isOk();
     }
 
     QString current(IndexFile file, int bucket) const

@@ -87,22 +87,23 @@ QVector<QByteArray> helperBucketsFor(const SampleOptions& options, const QString
     return buckets;
 }
 
-QString writeBytes(const QString& path, const QByteArray& bytes)
+Status writeBytes(const QString& path, const QByteArray& bytes)
 {
     if (!QDir().mkpath(QFileInfo(path).absolutePath()))
-        return "cannot create the directory of " + path;
+        return Status::fromErrno("create the directory of " + path);
     QFile file(path);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(bytes) != bytes.size())
-        return "cannot write " + path + ": " + file.errorString();
-    return QString();
+        return Status::fromErrno("write " + path);
+    return Status::ok();
 }
 
-QString writeDbCount(const SampleOptions& options, const QString& host, const QString& db)
+Status writeDbCount(const SampleOptions& options, const QString& host, const QString& db)
 {
-    QString path = nxformat::dbCountFilePath(host, db);
-    commonfun::getInstance()->WritePrivateProfileString(nxformat::kDbCountSection, db.toUpper(),
-                                                        QString::number(dbCountValue(options)), path);
-    return QFileInfo::exists(path) ? QString() : "cannot write " + path;
+    const QString path = nxformat::dbCountFilePath(host, db);
+    if (!commonfun::getInstance()->WritePrivateProfileString(nxformat::kDbCountSection, db.toUpper(),
+                                                             QString::number(dbCountValue(options)), path))
+        return Status::fromErrno("write " + path);
+    return Status::ok();
 }
 
 } // namespace
@@ -154,40 +155,40 @@ std::optional<OversizedBucket> findOversizedBucket(const SampleOptions& options)
     return std::nullopt;
 }
 
-QString writeSample(const SampleOptions& options, const QString& host, SampleTotals* totals,
-                    const std::function<void(const QString&)>& progress)
+Status writeSample(const SampleOptions& options, const QString& host, SampleTotals* totals,
+                   const std::function<void(const QString&)>& progress)
 {
     // Source files next to an older sample would mix two samples in one index.
     if (!QDir(host + "/idxnd").entryList(QStringList{"*.yn"}, QDir::Files).isEmpty())
-        return host + "/idxnd already holds source files; choose another root";
+        return Status::error(EEXIST, host + "/idxnd already holds source files; choose another root");
     *totals = SampleTotals();
     for (const QString& db : databaseNames(options)) {
         for (int file = 0; file < options.files; ++file) {
             if (progress)
                 progress(QString("%1: source file %2 of %3").arg(db).arg(file + 1).arg(options.files));
-            QString error = writeBytes(nxformat::sourceFilePath(host, db, file),
-                                       nxformat::buildSourceFile(sourceBuckets(options, db, file)));
-            if (!error.isEmpty())
-                return error;
+            const Status written = writeBytes(nxformat::sourceFilePath(host, db, file),
+                                              nxformat::buildSourceFile(sourceBuckets(options, db, file)));
+            if (!written.isOk())
+                return written;
             ++totals->sourceFiles;
             totals->records += uint64_t(options.recordsPerFile);
         }
-        QString error = writeDbCount(options, host, db);
-        if (!error.isEmpty())
-            return error;
+        Status written = writeDbCount(options, host, db);
+        if (!written.isOk())
+            return written;
         QVector<QByteArray> helpers = helperBuckets(options, db);
         for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket) {
             if (helpers[bucket].isEmpty())
                 continue;
-            error = writeBytes(nxformat::helperFilePath(host, db, bucket), helpers[bucket]);
-            if (!error.isEmpty())
-                return error;
+            written = writeBytes(nxformat::helperFilePath(host, db, bucket), helpers[bucket]);
+            if (!written.isOk())
+                return written;
             ++totals->helperFiles;
             totals->helperRecords += uint64_t(helpers[bucket].size()) / nxformat::kRecordSize;
         }
         ++totals->databases;
     }
-    return QString();
+    return Status::ok();
 }
 
 } // namespace ynsample

@@ -5,6 +5,8 @@
 // optional helper files under a DB host directory. Everything is derived
 // from a seed, so the same options always give the same bytes.
 
+#include "status.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
@@ -73,10 +75,10 @@ struct SampleTotals {
 };
 
 // Writes the sample under the DB host directory host. progress (may be
-// empty) receives one line per source file. Returns an error text, empty on
-// success. Call findOversizedBucket first: nothing here checks bucket sizes.
-QString writeSample(const SampleOptions& options, const QString& host, SampleTotals* totals,
-                    const std::function<void(const QString&)>& progress);
+// empty) receives one line per source file. Call findOversizedBucket first:
+// nothing here checks bucket sizes.
+Status writeSample(const SampleOptions& options, const QString& host, SampleTotals* totals,
+                   const std::function<void(const QString&)>& progress);
 
 } // namespace ynsample
 

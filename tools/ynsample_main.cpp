@@ -55,30 +55,33 @@ QString numberError(const QString& option, const QString& text, qint64 min, qint
     return QString("%1 wants a number from %2 to %3, not '%4'").arg(option).arg(min).arg(max).arg(text);
 }
 
+// A command line that cannot be used; what says why.
+Status invalid(const QString& what) { return Status::error(EINVAL, what); }
+
 // "wdx:2,wfx" into types; a type without a count gets -1 (filled in later).
-QString parseTypes(const QString& list, QVector<ynsample::TypeVolumes>* types)
+Status parseTypes(const QString& list, QVector<ynsample::TypeVolumes>* types)
 {
     types->clear();
     for (const QString& item : list.split(',')) {
         QStringList parts = item.split(':');
         const QString& type = parts[0];
         if (type != "wdx" && type != "wfx" && type != "wgx")
-            return "unknown DB type '" + type + "' (wdx, wfx or wgx)";
+            return invalid("unknown DB type '" + type + "' (wdx, wfx or wgx)");
         for (const ynsample::TypeVolumes& seen : *types)
             if (seen.type == type)
-                return "DB type " + type + " given twice";
+                return invalid("DB type " + type + " given twice");
         int volumes = -1;
         if (parts.size() > 2)
-            return "bad DB type '" + item + "' (TYPE or TYPE:VOLUMES)";
+            return invalid("bad DB type '" + item + "' (TYPE or TYPE:VOLUMES)");
         if (parts.size() == 2) {
             std::optional<qint64> n = parseNumber(parts[1], 1, kMaxVolumes);
             if (!n)
-                return numberError("the volume count of " + type, parts[1], 1, kMaxVolumes);
+                return invalid(numberError("the volume count of " + type, parts[1], 1, kMaxVolumes));
             volumes = int(*n);
         }
         types->append({type, volumes});
     }
-    return QString();
+    return Status::ok();
 }
 
 const QStringList kValueOptions{"--types", "--volumes", "--files", "--records", "--seed"};
@@ -90,7 +93,7 @@ struct Arguments {
 };
 
 // Applies one option that takes a value.
-QString applyOption(const QString& name, const QString& value, Arguments* args, int* volumes)
+Status applyOption(const QString& name, const QString& value, Arguments* args, int* volumes)
 {
     if (name == "--types")
         return parseTypes(value, &args->options.types);
@@ -98,7 +101,7 @@ QString applyOption(const QString& name, const QString& value, Arguments* args, 
         bool ok = false;
         bool hex = value.startsWith("0x");
         args->options.seed = (hex ? value.mid(2) : value).toULongLong(&ok, hex ? 16 : 10);
-        return ok ? QString() : "--seed wants an unsigned 64-bit number, not '" + value + "'";
+        return ok ? Status::ok() : invalid("--seed wants an unsigned 64-bit number, not '" + value + "'");
     }
     struct Bounded {
         const char* name;
@@ -116,20 +119,20 @@ QString applyOption(const QString& name, const QString& value, Arguments* args, 
             continue;
         std::optional<qint64> n = parseNumber(value, option.min, option.max);
         if (!n)
-            return numberError(name, value, option.min, option.max);
+            return invalid(numberError(name, value, option.min, option.max));
         *option.target = int(*n);
     }
-    return QString();
+    return Status::ok();
 }
 
-QString parseArguments(const QStringList& list, Arguments* args)
+Status parseArguments(const QStringList& list, Arguments* args)
 {
     int volumes = 1;
     for (int i = 0; i < list.size(); ++i) {
         QString arg = list[i];
         if (arg == "--help" || arg == "-h") {
             args->help = true;
-            return QString();
+            return Status::ok();
         }
         if (arg == "--helpers") {
             args->options.helpers = true;
@@ -137,31 +140,31 @@ QString parseArguments(const QStringList& list, Arguments* args)
         }
         if (!arg.startsWith("--")) {
             if (!args->root.isEmpty())
-                return "one ROOT only ('" + args->root + "' and '" + arg + "')";
+                return invalid("one ROOT only ('" + args->root + "' and '" + arg + "')");
             args->root = arg;
             continue;
         }
         int equals = arg.indexOf('=');
         QString name = equals < 0 ? arg : arg.left(equals);
         if (!kValueOptions.contains(name))
-            return "unknown option " + name;
+            return invalid("unknown option " + name);
         QString value;
         if (equals >= 0)
             value = arg.mid(equals + 1);
         else if (i + 1 < list.size())
             value = list[++i];
         else
-            return name + " wants a value";
-        QString error = applyOption(name, value, args, &volumes);
-        if (!error.isEmpty())
-            return error;
+            return invalid(name + " wants a value");
+        const Status applied = applyOption(name, value, args, &volumes);
+        if (!applied.isOk())
+            return applied;
     }
     if (args->root.isEmpty())
-        return "no ROOT given (ynsample --help shows the usage)";
+        return invalid("no ROOT given (ynsample --help shows the usage)");
     for (ynsample::TypeVolumes& type : args->options.types)
         if (type.volumes < 0)
             type.volumes = volumes;
-    return QString();
+    return Status::ok();
 }
 
 } // namespace
@@ -170,9 +173,9 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     Arguments args;
-    QString error = parseArguments(app.arguments().mid(1), &args);
-    if (!error.isEmpty()) {
-        fail(error);
+    const Status parsed = parseArguments(app.arguments().mid(1), &args);
+    if (!parsed.isOk()) {
+        fail(parsed.what());
         return 2;
     }
     if (args.help) {
@@ -193,10 +196,10 @@ int main(int argc, char** argv)
     uint64_t jobRecords = uint64_t(databases.size()) * uint64_t(options.files) * uint64_t(options.recordsPerFile);
     auto progress = [](const QString& line) { fprintf(stderr, "ynsample: %s\n", qPrintable(line)); };
     ynsample::SampleTotals totals;
-    error = ynsample::writeSample(options, host, &totals,
-                                  jobRecords >= kProgressThreshold ? progress : std::function<void(const QString&)>());
-    if (!error.isEmpty()) {
-        fail(error);
+    const Status written = ynsample::writeSample(
+        options, host, &totals, jobRecords >= kProgressThreshold ? progress : std::function<void(const QString&)>());
+    if (!written.isOk()) {
+        fail(written.code() == EEXIST ? written.what() : written.toString());
         return 1;
     }
     printf("ynsample: %s under %s: %d source files, %llu records, %d helper files with %llu records "
