@@ -1,13 +1,58 @@
 #ifndef NXI_INDEXFORMAT_H
 #define NXI_INDEXFORMAT_H
 
-// The byte layouts of every file the indexer reads or writes, in one place:
-// the source files (.yn), the entry record, the key file (.m), the payload
-// file (.d), the entry file (.hl, also the helper file layout), the status
-// file (.sbf) with its head and bucket blocks, and the SBF size record.
-// The indexer's writer, the inspector and the sample generator all use these
-// helpers, so a layout is never spelled out twice. All integers are
-// little-endian; nothing here touches the file system.
+// The byte layouts of every file the indexer reads or writes, and the helpers
+// that read and write them: the indexer's writer, the inspector and the
+// sample generator all use these, so a layout is never spelled out twice in
+// code. doc/formats.md is the full reference, with examples. All integers are
+// little-endian; b is a bucket (0-255), named "%02x" in paths; paths are
+// under the DB host directory. Nothing here touches the file system.
+//
+// An entry record (16 bytes) has the form:
+//     key: uint32             bytes 0-1 its low 16 bits, byte 2 the group byte
+//     payload: char[12]       never interpreted
+//
+// A source file ("idxnd/<db><nnnn>.yn", read) has the form:
+//     start: uint32[256]      start[b] = index of bucket b's first record;
+//                             start[0] is never read, bucket 0 starts at 0
+//     records: entry[n]       record r at byte (r + 64) * 16; bucket b holds
+//                             records start[b] up to start[b+1], bucket 255 up
+//                             to the last whole record (trailing bytes unread)
+//
+// A bucket's count records, sorted by key, make three index files, each
+// written as "<bb>.<ext>new" and renamed to "<bb>.<ext>":
+//   key file ("idxn/<db>/<bb>.m"):
+//     keys: uint16[count]     low 16 bits of each key, in sorted order
+//     groups: uint16[256]     groups[g] = first position whose group byte is
+//                             g, 0xFFFF when none
+//   payload file ("idxn/<db>/<bb>.d"):
+//     payloads: char[12][count]
+//   entry file ("hl/<db>/hlp/<bb>.hl"):
+//     records: entry[count]   then, after a helper file whose size is not a
+//                             multiple of 16, as many zero bytes (1-15)
+// count is at most 65535: positions are 16-bit and 0xFFFF means none.
+//
+// A helper file ("hl/<db><bb>.hl", read) has the entry file's layout, entry
+// records with no header; it is loaded at the head of the bucket's table.
+//
+// A status file ("<db>.sbf", built as "<db>.sbftmp") has the form:
+//     offsets: uint32[256]    offsets[b] = byte offset of bucket b's block, 0
+//                             when the run wrote none; written last
+//     blocks: block[]         from byte 1024, in bucket order, one for every
+//                             bucket the run wrote
+// and a bucket block the form:
+//     count: uint32
+//     groups: uint16[256]     as in the key file
+//     keys: uint16[count]     as in the key file
+//
+// The SBF size record ("sbf_check_yn.ini") is INI text, one key a database:
+//     [SBF_Size]
+//     <db>.sbf=<the status file's size in decimal>#NXI
+//
+// The helper progress file ("hl/<db>/<db>hl.ini") is INI text, keys ascending,
+// one for every bucket that reached the writer (parseProgressMarks reads it):
+//     [hlpr]
+//     <bb>=<last merged file number, "%02d"; -1 for none>
 
 #include <QByteArray>
 #include <QString>
@@ -133,12 +178,14 @@ QString entryDirPath(const QString& host, const QString& db);   // <host>/hl/<db
 QString helperFilePath(const QString& host, const QString& db, int bucket);  // <host>/hl/<db><bb>.hl
 QString helperProgressPath(const QString& host, const QString& db);  // <host>/hl/<db>/<db>hl.ini
 extern const char* const kHelperProgressSection;  // "hlpr"
-// Sets marks[b] from the helper progress file's text: lines split at runs of
-// CR and LF, the first (the section line) skipped, and the n-th key line after
-// it must carry bucket n; the first key that is missing or out of order leaves
-// its own slot and every later slot as they were. "=" at the end of a line, or
-// a later key line without "=", gives -1; a mark below -1 reads as -1 and one
-// past the int range is capped, so that mark + 1 always fits an int.
+// Counting the lines of the helper progress file's text after the first (the
+// section line) from 0, lines split at runs of CR and LF, sets marks[n] from
+// line n when its leading hexadecimal number (0 when it has none) is n, and
+// leaves marks[n] as it was otherwise: a missing or surplus line shifts the
+// later lines off their slots until one lines up again ("00,01,03,03,04" sets
+// 00, 01, 03 and 04). The mark is the decimal number after "=", -1 when "="
+// ends the line, clamped to [-1, INT_MAX - 1] so that mark + 1 fits an int; a
+// line in its place without "=" gives -1 and, past slot 0, ends the reading.
 void parseProgressMarks(QByteArray text, int* marks);
 QString statusFilePath(const QString& host, const QString& db);         // <host>/<db>.sbf
 QString pendingStatusFilePath(const QString& host, const QString& db);  // <host>/<db>.sbftmp
