@@ -2,10 +2,11 @@
 // of the benchmark. It walks the same databases as nxindexer, reads every new
 // source record once (each source file's bucket start table once per
 // database, then each bucket's range with one read straight into the bucket's
-// table), sorts each bucket in the indexer's order and writes the same key,
-// payload, entry and status bytes, each file once, and the helper progress
-// file and the SBF size record once per database with QSettings, so that
-// their text is the indexer's.
+// table), sorts each bucket with the indexer's stable radix sort (the least
+// work its order needs), writes the same key, payload, entry and status
+// bytes, each file once, and the helper progress file and the SBF size
+// record once per database with QSettings, so that their text is the
+// indexer's.
 //
 //   nxbaseline [--sync] HOST
 //

@@ -2,15 +2,12 @@
 // trees that two programs left behind.
 #include "bench.h"
 
-#include "indexformat.h"
-
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -39,29 +36,6 @@ QVector<Entry> listTree(const QString& root)
     return entries;
 }
 
-using Record = std::array<unsigned char, nxformat::kRecordSize>;
-
-// Both entry files hold the same records and the same key sequence: they
-// differ only in the order of records whose keys are equal.
-bool sameRecordsButEqualKeyOrder(const QByteArray& a, const QByteArray& b)
-{
-    if (a.size() != b.size() || a.size() % int(nxformat::kRecordSize) != 0)
-        return false;
-    auto records = [](const QByteArray& bytes) {
-        QVector<Record> list(bytes.size() / int(nxformat::kRecordSize));
-        std::memcpy(list.data(), bytes.constData(), size_t(bytes.size()));
-        return list;
-    };
-    QVector<Record> first = records(a);
-    QVector<Record> second = records(b);
-    for (int i = 0; i < first.size(); ++i)
-        if (nxformat::recordKey(first[i].data()) != nxformat::recordKey(second[i].data()))
-            return false;
-    std::sort(first.begin(), first.end());
-    std::sort(second.begin(), second.end());
-    return first == second;
-}
-
 // Empty when both files hold the same bytes; otherwise where they part.
 QString compareFiles(const QString& expectedPath, const QString& actualPath, const QString& name)
 {
@@ -84,18 +58,11 @@ QString compareFiles(const QString& expectedPath, const QString& actualPath, con
         int at = 0;
         while (at < common && a[at] == b[at])
             ++at;
-        QString text = QString("%1: differs from byte %2 on (%3 and %4 bytes)")
-                           .arg(name)
-                           .arg(offset + at)
-                           .arg(expected.size())
-                           .arg(actual.size());
-        if (name.endsWith(".hl") && name.contains("/hlp/") && expected.size() <= (64 << 20)) {
-            expected.seek(0);
-            actual.seek(0);
-            if (sameRecordsButEqualKeyOrder(expected.readAll(), actual.readAll()))
-                text += "; the same records, only records with equal keys lie in another order";
-        }
-        return text;
+        return QString("%1: differs from byte %2 on (%3 and %4 bytes)")
+            .arg(name)
+            .arg(offset + at)
+            .arg(expected.size())
+            .arg(actual.size());
     }
 }
 

@@ -4,7 +4,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
+#include <utility>
 
 namespace nxformat {
 
@@ -22,28 +22,38 @@ struct Record {
 };
 uint32_t keyOf(const Record& record) { return recordKey(record.bytes); }
 
-// Ascending by unsigned key, one counting pass per key byte in which the
-// records differ (byte 3, the bucket's own, usually does not).
-void radixSortByKey(Record* records, size_t count)
+// Ascending by unsigned key and stable: one counting pass per key byte in
+// which the records differ (byte 3, the bucket's own, usually does not).
+// False, with the table untouched, when its buffer can't be allocated.
+bool radixSortByKey(Record* records, size_t count)
 {
-    std::vector<Record> buffer(count);
+    size_t starts[4][256] = {};
+    for (size_t i = 0; i < count; ++i) {
+        const uint32_t key = keyOf(records[i]);
+        for (int byte = 0; byte < 4; ++byte)
+            ++starts[byte][(key >> (8 * byte)) & 0xFF];
+    }
+    auto* buffer = static_cast<Record*>(std::malloc(count * sizeof(Record)));
+    if (!buffer)
+        return false;
     Record* from = records;
-    Record* to = buffer.data();
-    for (int shift = 0; shift < 32; shift += 8) {
-        auto digit = [shift](const Record& record) { return (keyOf(record) >> shift) & 0xFF; };
-        size_t start[257] = {};
-        for (size_t i = 0; i < count; ++i)
-            ++start[digit(from[i]) + 1];
-        if (start[digit(from[0]) + 1] == count)
+    Record* to = buffer;
+    for (int byte = 0; byte < 4; ++byte) {
+        const int shift = 8 * byte;
+        size_t* start = starts[byte];
+        if (start[(keyOf(from[0]) >> shift) & 0xFF] == count)
             continue;  // every record has the same byte here
-        for (int d = 0; d < 256; ++d)
-            start[d + 1] += start[d];
+        size_t sum = 0;
+        for (int digit = 0; digit < 256; ++digit)
+            sum += std::exchange(start[digit], sum);
         for (size_t i = 0; i < count; ++i)
-            to[start[digit(from[i])]++] = from[i];
+            to[start[(keyOf(from[i]) >> shift) & 0xFF]++] = from[i];
         std::swap(from, to);
     }
     if (from != records)
-        std::copy(from, from + count, records);
+        std::memcpy(records, from, count * sizeof(Record));
+    std::free(buffer);
+    return true;
 }
 
 }  // namespace
@@ -55,22 +65,14 @@ void sortEntryRecords(unsigned char* table, size_t count)
     auto* first = reinterpret_cast<Record*>(table);
     auto* last = first + count;
     auto byKey = [](const Record& a, const Record& b) { return keyOf(a) < keyOf(b); };
-    auto [lowest, highest] = std::minmax_element(first, last, byKey);
-    if (keyOf(*highest) - keyOf(*lowest) >= 0x80000000u) {
-        // No consistent order: only qsort tolerates that.
-        qsort(table, count, kRecordSize, [](const void* a, const void* b) {
-            return compareKeys(recordKey(static_cast<const unsigned char*>(a)),
-                               recordKey(static_cast<const unsigned char*>(b)));
-        });
+    const auto [lowest, highest] = std::minmax_element(first, last, byKey);
+    if (keyOf(*highest) - keyOf(*lowest) < 0x80000000u && radixSortByKey(first, count))
         return;
-    }
-    const std::vector<Record> original(first, last);
-    radixSortByKey(first, count);
-    auto sameKey = [](const Record& a, const Record& b) { return keyOf(a) == keyOf(b); };
-    if (std::adjacent_find(first, last, sameKey) != last) {
-        std::copy(original.begin(), original.end(), first);
-        std::sort(first, last, byKey);
-    }
+    // Keys 2^31 or more apart (or no memory for the radix sort's buffer): a
+    // merge sort by the wrapped order. That order is no total order over such
+    // keys, but a merge sort still ends within the table whatever it is told,
+    // and keeps equal keys in table order.
+    std::stable_sort(first, last, [](const Record& a, const Record& b) { return compareKeys(keyOf(a), keyOf(b)) < 0; });
 }
 
 // ---- Source file -------------------------------------------------------------

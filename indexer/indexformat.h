@@ -96,10 +96,10 @@ inline uint8_t recordGroup(const unsigned char* record) { return record[kGroupBy
 // The sort order of entry records: the key difference modulo 2^32 read as a
 // signed number. Ascending by key whenever the keys span less than 2^31.
 int compareKeys(uint32_t a, uint32_t b);
-// Sorts count entry records in that order. Where it is the plain unsigned
-// order (keys spanning less than 2^31) the records are sorted by a radix
-// sort, or, when some keys are equal, by std::sort from the table's order
-// (which is what decides where equal keys end); wider spans go to qsort.
+// Sorts count entry records in that order, stably: records with equal keys
+// stay in table order (the helper file's first, then each source file's in
+// file order). A radix sort where the keys span less than 2^31, a merge sort
+// by compareKeys where they span more.
 void sortEntryRecords(unsigned char* table, size_t count);
 
 // ---- Source file (.yn): 256-slot bucket start table, then 16-byte records --

@@ -14,20 +14,19 @@
 
 namespace {
 
-// Bucket 0 starts at record 0 and reads only the start of bucket 1; bucket
-// 255 reads its own start and ends with the file (taken by the caller). Only
-// those 4 or 8 bytes of the start table are read, in one positioned read.
-bool readBucketStartSlots(int fd, int bucket, DWORD* range)
+// Bucket 0 starts at record 0 and takes only the start of bucket 1; bucket
+// 255 takes its own start and ends with the file (taken by the caller). Only
+// those 4 or 8 bytes of the start table are used; false when the file is too
+// short to hold them.
+bool bucketStartSlots(const SourceFiles::File& file, int bucket, DWORD* range)
 {
     const int first = bucket == 0 ? 1 : bucket;
     const int count = bucket == 0 || bucket == nxformat::kBucketCount - 1 ? 1 : 2;
-    unsigned char bytes[8];
-    size_t got = 0;
-    if (!fileio::readAt(fd, bytes, size_t(4 * count), nxformat::bucketStartSlotOffset(first), &got).isOk() ||
-        got != size_t(4 * count))
+    const size_t offset = nxformat::bucketStartSlotOffset(first);
+    if (offset + 4 * size_t(count) > file.headSize)
         return false;
     for (int i = 0; i < count; ++i)
-        range[(bucket == 0 ? 1 : 0) + i] = nxformat::readLE32(bytes + 4 * i);
+        range[(bucket == 0 ? 1 : 0) + i] = nxformat::readLE32(file.head + offset + 4 * i);
     return true;
 }
 
@@ -35,22 +34,20 @@ bool readBucketStartSlots(int fd, int bucket, DWORD* range)
 
 bool nxi::GetIndexHighAndLow(char* path, int bucket, DWORD* low, DWORD* high)
 {
-    qint64 size = 0;
-    const int fd = m_SourceFiles.open(path, &size);
-    if (fd < 0) {
+    const SourceFiles::File* file = m_SourceFiles.open(path);
+    if (!file) {
         int err = errno;
         NXI_ERROR("Could not open following db file- %s - code -> %d ", path, err);
         return false;
     }
     // range[0] is low, range[1] high.
     DWORD range[2] = {0, 0};
-    const bool read = readBucketStartSlots(fd, bucket, range);
-    if (!read)
+    if (!bucketStartSlots(*file, bucket, range)) {
         NXI_ERROR("Error: ReadFile failed for the following file- %s", path);
-    if (!read)
         return false;
+    }
 
-    const uint64_t fileSize = uint64_t(size);
+    const uint64_t fileSize = uint64_t(file->size);
     if (bucket == nxformat::kBucketCount - 1) {
         if (DWORD(fileSize) == 0) {
             NXI_ERROR("Error: Getfilesize failed for following file - %s", path);
@@ -82,16 +79,15 @@ bool nxi::ReadIndexBuffer(char* path, DWORD offset, DWORD length)
         return false;
     }
 
-    qint64 size = 0;
-    const int fd = m_SourceFiles.open(path, &size);
-    if (fd < 0) {
+    const SourceFiles::File* file = m_SourceFiles.open(path);
+    if (!file) {
         int err = errno;
         NXI_ERROR("Could not open following db file: %s - code -> %d ", path, err);
         return false;
     }
     // One positioned read straight into the table: no seek that could fail.
     size_t got = 0;
-    fileio::readAt(fd, m_EntryCursor, length, offset, &got);  // a failed read leaves errno for the line below
+    fileio::readAt(file->fd, m_EntryCursor, length, offset, &got);  // a failed read leaves errno for the line below
     if (got != length) {
         // Leave no partial range behind: the next range fills the same place.
         memset(m_EntryCursor, 0, got);

@@ -3,6 +3,8 @@
 #include "fileio.h"
 #include "indexformat.h"
 
+#include <algorithm>
+#include <cstring>
 #include <unistd.h>
 
 namespace {
@@ -11,55 +13,66 @@ namespace {
 // file opened.
 constexpr int kMaxKept = 512;
 
+bool sameTime(const struct timespec& a, const struct timespec& b)
+{
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
 bool sameIdentity(const struct stat& a, const struct stat& b)
 {
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
-           a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_nlink == b.st_nlink && a.st_size == b.st_size &&
+           sameTime(a.st_mtim, b.st_mtim) && sameTime(a.st_ctim, b.st_ctim);
 }
+
+QByteArray borrowed(const char* path) { return QByteArray::fromRawData(path, int(std::strlen(path))); }
 
 }  // namespace
 
-bool SourceFiles::exists(const char* path)
+SourceFiles::Kept* SourceFiles::findUnchanged(const char* path)
 {
-    m_Looked = path;
-    m_LookedValid = ::lstat(path, &m_LookedAt) == 0 && !S_ISLNK(m_LookedAt.st_mode);
-    if (m_LookedValid)
-        return true;
-    return fileio::exists(path);  // a link exists when what it names does
+    const auto kept = m_Kept.find(borrowed(path));
+    if (kept == m_Kept.end())
+        return nullptr;
+    struct stat now;
+    if (kept->wholeHead && ::fstat(kept->file.fd, &now) == 0 && sameIdentity(now, kept->identity))
+        return &*kept;
+    m_Checked = nullptr;
+    ::close(kept->file.fd);
+    m_Kept.erase(kept);
+    return nullptr;
 }
 
-int SourceFiles::open(const char* path, qint64* size)
+bool SourceFiles::exists(const char* path)
 {
-    const QByteArray name(path);
-    struct stat now;
-    const auto kept = m_Kept.find(name);
-    if (kept != m_Kept.end()) {
-        // lstat: a link put in the file's place must reach the refusing open below.
-        const bool looked = m_LookedValid && m_Looked == name;
-        if (looked)
-            now = m_LookedAt;
-        if ((looked || ::lstat(path, &now) == 0) && sameIdentity(now, kept->identity)) {
-            *size = now.st_size;
-            return kept->fd;
-        }
-        ::close(kept->fd);
-        m_Kept.erase(kept);
-    }
-    int fd = -1;
-    if (const Status opened = fileio::openForReading(path, &fd, size); !opened.isOk()) {
+    m_Checked = findUnchanged(path);
+    return m_Checked || fileio::exists(path);  // a link exists when what it names does
+}
+
+const SourceFiles::File* SourceFiles::open(const char* path)
+{
+    if (m_Checked && m_Checked->path == path)
+        return &m_Checked->file;
+    if (const Kept* kept = findUnchanged(path))
+        return &kept->file;
+
+    Kept fresh{};
+    if (const Status opened = fileio::openForReading(path, &fresh.file.fd, &fresh.file.size); !opened.isOk()) {
         errno = opened.code();  // the caller's line reports it
-        return -1;
+        return nullptr;
     }
-    if (::fstat(fd, &now) != 0) {
-        fileio::closeFd(fd);
-        return -1;
+    if (::fstat(fresh.file.fd, &fresh.identity) != 0) {
+        fileio::closeFd(fresh.file.fd);
+        return nullptr;
     }
+    fileio::readAt(fresh.file.fd, fresh.file.head, sizeof fresh.file.head, 0, &fresh.file.headSize);
+    fresh.wholeHead = fresh.file.headSize == std::min<uint64_t>(uint64_t(fresh.file.size), sizeof fresh.file.head);
+    m_Checked = nullptr;
     if (m_Kept.size() >= kMaxKept) {
-        ::close(m_Kept.begin()->fd);
+        ::close(m_Kept.begin()->file.fd);
         m_Kept.erase(m_Kept.begin());
     }
-    m_Kept.insert(name, Kept{fd, now});
-    return fd;
+    fresh.path = path;
+    return &m_Kept.insert(fresh.path, fresh)->file;
 }
 
 const QByteArray& SourceFiles::path(const QString& host, const char* db, int fileNumber)
@@ -78,8 +91,8 @@ const QByteArray& SourceFiles::path(const QString& host, const char* db, int fil
 void SourceFiles::closeAll()
 {
     m_Paths.clear();
-    m_LookedValid = false;
+    m_Checked = nullptr;
     for (const Kept& kept : m_Kept)
-        ::close(kept.fd);
+        ::close(kept.file.fd);
     m_Kept.clear();
 }

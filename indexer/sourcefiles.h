@@ -2,14 +2,18 @@
 #define NXI_SOURCEFILES_H
 
 // The source files a database's run reads, kept open between the calls that
-// read them: every bucket reads the same files, and opening each one three
-// times per bucket was most of a run's work. A kept descriptor is used only
-// while the path still names the very file it was opened on (same device,
-// inode, size and modification time); otherwise the file is opened afresh,
-// with the same refusals (no symbolic link, regular files only), so a file
-// that was replaced, changed or removed reads exactly as it would if every
-// call opened it. The existence test of a pass serves as that check for the
-// reads that follow it at once.
+// read them, each with its bucket start table read once: every bucket reads
+// the same files, and opening them or reading their start tables again for
+// every bucket was most of a run's work. A kept file is used while its
+// descriptor shows no change (fstat: device, inode, link count, size,
+// modification and change time). Any change, its removal or replacement at
+// the path included (either changes its link count or change time), makes
+// the next call open the path afresh, with the same refusals (no symbolic
+// link, regular files only), so that such a file reads as it would if every
+// call opened it. A run merges only files their writer has finished; a
+// rewrite in place that leaves all of these unchanged (within one tick of
+// the file system's clock, at the same size) goes unseen, and like any
+// change between the two passes it can't make a pass copy past the table.
 
 #include <QByteArray>
 #include <QHash>
@@ -20,6 +24,14 @@
 class SourceFiles
 {
 public:
+    struct File {
+        int fd;
+        qint64 size;
+        // The bucket start table as far as the file holds it (up to 1024 bytes).
+        size_t headSize;
+        unsigned char head[1024];
+    };
+
     SourceFiles() = default;
     ~SourceFiles() { closeAll(); }
     SourceFiles(const SourceFiles&) = delete;
@@ -29,29 +41,34 @@ public:
     // once per database.
     const QByteArray& path(const QString& host, const char* db, int fileNumber);
     // Whether something exists at path (links followed), as PathFileExists
-    // says. What it saw stands for the file's identity in the next opens of
-    // the same path, which follow at once in the same pass.
+    // says; a kept file that shows no change exists without a look at the
+    // path. That check stands for the next opens of the same path, which
+    // follow at once in the same pass, until forgetLook().
     bool exists(const char* path);
-    // Ends what exists() saw standing for the next opens.
-    void forgetLook() { m_LookedValid = false; }
-    // A descriptor for reading the file at path and its size; -1 with errno
-    // set when it cannot be opened. The descriptor stays owned here.
-    int open(const char* path, qint64* size);
+    void forgetLook() { m_Checked = nullptr; }
+    // The file at path, opened and its start table read unless it is kept
+    // and unchanged; nullptr with errno set when it cannot be opened. Owned
+    // here and valid until the next call.
+    const File* open(const char* path);
     // Closes the descriptors and forgets the paths.
     void closeAll();
 
 private:
+    struct Kept {
+        File file;
+        struct stat identity;
+        QByteArray path;
+        bool wholeHead;  // false after a failed read: the next call reads again
+    };
+    // The kept file at path if its descriptor shows no change; a changed one
+    // is closed and forgotten.
+    Kept* findUnchanged(const char* path);
+
     QString m_PathsHost;
     QByteArray m_PathsDb;
     QHash<int, QByteArray> m_Paths;
-    struct Kept {
-        int fd;
-        struct stat identity;
-    };
     QHash<QByteArray, Kept> m_Kept;
-    QByteArray m_Looked;  // the path exists() saw last, and what it saw
-    struct stat m_LookedAt {};
-    bool m_LookedValid = false;
+    Kept* m_Checked = nullptr;  // what exists() found unchanged; cleared whenever m_Kept changes
 };
 
 #endif
