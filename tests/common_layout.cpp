@@ -4,10 +4,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QLocale>
-#include <QProcess>
-#include <QTemporaryDir>
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -27,9 +24,8 @@ TEST(CommonLayout, RootRuleExamples)
         EXPECT_EQ(Common::rootPathForAppDir(row.appDir), QString(row.root)) << row.appDir;
 }
 
-// Runs only in a copy of this executable in <root>/bin under a German
-// environment, started by the next test; Qt takes month names from the system
-// locale, which the environment sets.
+// Runs only in a copy of this executable in <root>/bin under a German locale (whose month names Qt would use),
+// started by the next test.
 TEST(CommonRelocated, DISABLED_LayoutAndBuildStamp)
 {
     ASSERT_EQ(QLocale::system().language(), QLocale::German);
@@ -72,7 +68,7 @@ TEST(CommonRelocated, LayoutAndBuildStampInACopyUnderAGermanLocale)
     child.start(copy, {"--gtest_filter=CommonRelocated.DISABLED_*", "--gtest_also_run_disabled_tests"});
     ASSERT_TRUE(child.waitForFinished(120000));
     const QString output = QString::fromUtf8(child.readAll());
-    EXPECT_TRUE(output.contains("[  PASSED  ] 1 test.")) << output.toStdString();
+    EXPECT_TRUE(output.contains("[  PASSED  ] 1 test.")) << output;
 }
 
 TEST(CommonSize, SizeText)
@@ -88,8 +84,7 @@ TEST(CommonSize, SizeText)
         EXPECT_EQ(Common::getSizeInString(row.size), QString(row.text)) << row.size;
 }
 
-// Only visible files and what links lead to count; a cycle of links ends; an
-// unreadable directory adds nothing.
+// Only visible files and what links lead to count; a cycle of links ends; an unreadable directory adds nothing.
 TEST(CommonSize, PathSizeOfARealTree)
 {
     QTemporaryDir dir;

@@ -1,6 +1,5 @@
-// File access that other components' files cannot subvert: no symbolic
-// links, no special files, moves in one step, INI text exactly as QSettings
-// writes it.
+// The file and INI helpers: edge cases, and access that other components' files cannot subvert (no symbolic links,
+// no special files, moves in one step, INI text exactly as QSettings writes it).
 #include "commonfun.h"
 #include "fileio.h"
 #include "testsupport.h"
@@ -23,6 +22,7 @@ protected:
     QTemporaryDir m_Dir;
     commonfun* fun = commonfun::getInstance();
 };
+class CommonFiles : public CommonSafety {};
 
 TEST_F(CommonSafety, OpenRefusesLinksAndSpecialFilesAndTruncatesOnlyRegularOnes)
 {
@@ -87,8 +87,7 @@ TEST_F(CommonSafety, MoveNeverLeavesTheDestinationMissingNorCopies)
 
 TEST_F(CommonSafety, IniTextIsQSettingsTextAndALinkIsNeverWritten)
 {
-    // Plain names and values are written without QSettings once the text is
-    // plain: the comment goes with the first save, the odd key comes last.
+    // Plain text is written without QSettings: the comment goes with the first save, the odd key comes last.
     const struct { const char* section; const char* key; const char* value; } writes[] = {
         {"hlpr", "1a", "07"}, {"hlpr", "00", "-1"}, {"SBF_Size", "wdx00.sbf", "3540#NXI"},
         {"hlpr", "ff", ""}, {"hlpr", "00", "123"}, {"odd", "a key", " spaced, with; = signs "}};
@@ -119,6 +118,68 @@ TEST_F(CommonSafety, IniTextIsQSettingsTextAndALinkIsNeverWritten)
     EXPECT_EQ(fun->GetPrivateProfileInt("hlpr", "00", -7, path("link.ini")), -7);
     EXPECT_EQ(nxtest::readFile(path("target")), QByteArray("[hlpr]\n00=41\n"));
     EXPECT_TRUE(QFileInfo(path("link.ini")).isSymLink());
+}
+
+TEST_F(CommonFiles, IniTextAndReads)
+{
+    // Nothing is written for an empty section, key or path.
+    const QString file = path("a.ini"), sorted = path("b.ini"), missing = path("gone.ini");
+    fun->WritePrivateProfileString("", "K", "1", file);
+    fun->WritePrivateProfileString("S", "", "1", file);
+    fun->WritePrivateProfileString("S", "K", "1", "");
+    EXPECT_TRUE(QDir(m_Dir.path()).isEmpty());
+
+    fun->WritePrivateProfileString("S", "K", "", file);
+    EXPECT_EQ(nxtest::readFile(file), QByteArray("[S]\nK=\n"));
+    EXPECT_EQ(fun->GetPrivateProfileString("S", "K", "fallback", file), QString(""));
+    EXPECT_EQ(fun->GetPrivateProfileInt("S", "K", 5, file), 0);
+    for (const char* key : {"ff", "0a", "B", "00", "a", "1b"})
+        fun->WritePrivateProfileString("wdx00", key, QString("v") + key, sorted);
+    fun->WritePrivateProfileString("wdx00", "0a", "12", sorted);
+    EXPECT_EQ(nxtest::readFile(sorted),
+              QByteArray("[wdx00]\n00=v00\n0a=12\n1b=v1b\nB=vB\na=va\nff=vff\n"));
+    EXPECT_EQ(fun->GetPrivateProfileString("wdx00", "b", "none", sorted), QString("none"));
+
+    EXPECT_EQ(fun->GetPrivateProfileInt("S", "K", 7, missing), 7);
+    EXPECT_FALSE(nxtest::exists(missing));
+    nxtest::writeFile(file, "[S]\nK=3\nabc=abc\nx=12x\nneg=-4\n");
+    const std::pair<const char*, int> ints[] = {{"K", 3}, {"other", -1}, {"abc", 0}, {"x", 0}, {"neg", -4}};
+    for (const auto& row : ints)
+        EXPECT_EQ(fun->GetPrivateProfileInt("S", row.first, -1, file), row.second) << row.first;
+}
+
+TEST_F(CommonFiles, ExistenceDeleteAndMove)
+{
+    QString src = path("src");
+    nxtest::writeFile(src, "source bytes");
+    nxtest::writeFile(path("dst"), "old");
+    nxtest::writeFile(path("dir/inner"), "x");
+    QFile::link(path("gone"), path("broken"));
+    QFile::link(src, path("alias"));
+    EXPECT_FALSE(fun->PathFileExists(""));
+    EXPECT_FALSE(fun->PathFileExists(path("broken")));
+    EXPECT_EQ(fun->GetFileSize(src), 12);
+    EXPECT_FALSE(fun->DeleteFile(path("dir")));
+    EXPECT_FALSE(fun->MoveFile(path("gone"), path("dst")));
+    EXPECT_FALSE(fun->MoveFile(src, path("dir")));
+    EXPECT_EQ(nxtest::readFile(path("dir/inner")), QByteArray("x"));
+
+    const QString previous = QDir::currentPath();
+    ASSERT_TRUE(QDir::setCurrent(m_Dir.path()));
+    for (const QString& other : {src, QString("src"), QString("./dir/../src"), path("alias")}) {
+        EXPECT_FALSE(fun->MoveFile(src, other)) << other;
+        EXPECT_FALSE(fun->MoveFile(other, src)) << other;
+    }
+    EXPECT_EQ(nxtest::readFile(src), QByteArray("source bytes"));
+    EXPECT_EQ(nxtest::readFile(path("dst")), QByteArray("old"));
+    // Relative names resolve against the working directory; the old file is replaced.
+    EXPECT_TRUE(fun->MoveFile("src", "dst"));
+    QDir::setCurrent(previous);
+    EXPECT_FALSE(nxtest::exists(src));
+    EXPECT_EQ(nxtest::readFile(path("dst")), QByteArray("source bytes"));
+    EXPECT_TRUE(fun->DeleteFile(path("dst")));
+    EXPECT_FALSE(fun->DeleteFile(path("dst")));
+    EXPECT_TRUE(fun->PathFileExists(path("dir")));
 }
 
 } // namespace

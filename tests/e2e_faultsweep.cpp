@@ -1,20 +1,14 @@
-// Proof of survival: the real nxindexer with the N-th call of each family of file operations failing, or killed
-// there, for every N a run reaches, on an existing index and on a first run; then killed at random moments of runs
-// with the real pauses. What each run leaves, and a clean follow-up run, are checked against an uninterrupted run,
-// apart from the losses the indexer's design accepts. The README's "Bad input and faults" has the figures.
+// The real nxindexer with the N-th call of each family of file operations failing, killed or cut off by a power cut
+// there, for every N a run reaches, on an existing index and on a first run, then killed at random moments: what each
+// run leaves, and a clean run after it, match an uninterrupted run but for the losses the design accepts.
 #include "indexformat.h"
 #include "sampledb.h"
 #include "testsupport.h"
 
 #include <QDir>
-#include <QDirIterator>
 #include <QElapsedTimer>
-#include <QMap>
-#include <QProcess>
-#include <QProcessEnvironment>
 #include <QRandomGenerator>
 #include <QRegularExpression>
-#include <QTemporaryDir>
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -25,6 +19,7 @@ namespace {
 using nxformat::Generation;
 using nxformat::IndexFile;
 using nxtest::readFile;
+using Tree = QMap<QString, QByteArray>;  // every entry under the DB host directory, "<dir>" for a directory
 
 int setting(const char* name, int fallback)
 {
@@ -33,16 +28,14 @@ int setting(const char* name, int fallback)
     return ok && value >= 0 ? value : fallback;
 }
 
-const char* const kFamilies[] = {"open", "write", "close", "read", "rename", "unlink", "mkdir", "sync"};
 const char* const kDb = "wdx00";
 const int kBuckets[] = {0x00, 0x01, 0x02, 0x03};  // the only buckets with records
 constexpr int kHelperBucket = 0x01;
 constexpr int kNewMark = 2;  // DB-COUNT 4 merges up to file 2
 // Not the indexer's data: its log, and Qt's lock files beside the INI scratch files (and what names the host).
 const char* const kNotCounted = "NXFAULT_SKIP=/logs/nxindexer.log:.ini.lock:/proc/:/var/lib/dbus/:/etc/";
-// What a run is done: the N-th call fails, kills it, or cuts the power there (a kill that also drops the entries
-// of new directories that are not yet on disk: those of the index, while the progress file's stay, which is the
-// worst a power cut can do to the marks).
+// The N-th call fails, kills the run, or cuts the power there: a kill that drops the index's new directories not yet
+// on disk while the progress file's stay, the worst a power cut can do to the marks.
 enum class Action { Fail, Kill, PowerCut };
 const struct { const char *settings, *sweep, *verb; } kActions[] = {
     {"NXFAULT_ACTION=fail", "fault sweep", "failed"},
@@ -63,35 +56,13 @@ QByteArray helperRecords()
            nxtest::sampleRecord(kHelperBucket, 902);
 }
 
-// The files (and directories) under the DB host directory, by relative path.
-struct Tree {
-    QStringList dirs;
-    QMap<QString, QByteArray> files;
-    bool has(const QString& path) const { return files.contains(path); }
-    QByteArray at(const QString& path) const { return files.value(path); }
-
-    static Tree capture(const QString& host)
-    {
-        Tree tree;
-        QDirIterator it(host, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDirIterator::Subdirectories);
-        while (it.hasNext()) {
-            const QString path = it.next(), relative = QDir(host).relativeFilePath(path);
-            if (it.fileInfo().isDir())
-                tree.dirs << relative;
-            else
-                tree.files.insert(relative, readFile(path));
-        }
-        return tree;
-    }
-    void restore(const QString& host) const
-    {
-        QDir(host).removeRecursively();
-        for (const QString& dir : dirs + QStringList{"."})
-            QDir(host).mkpath(dir);
-        for (auto it = files.cbegin(); it != files.cend(); ++it)
-            nxtest::writeFile(host + "/" + it.key(), it.value());
-    }
-};
+void restore(const Tree& tree, const QString& host)
+{
+    QDir(host).removeRecursively();
+    QDir().mkpath(host);
+    for (auto it = tree.cbegin(); it != tree.cend(); ++it)
+        it.value() == "<dir>" ? void(QDir(host).mkpath(it.key())) : nxtest::writeFile(host + "/" + it.key(), it.value());
+}
 
 QString joined(const QMap<QString, int>& counts, const char* format, const char* separator)
 {
@@ -158,13 +129,13 @@ public:
         addSource(2);
         nxtest::writeDbCount(m_Host, "/idxval.ini", "WDX00", 4);
         QFile::remove(m_Install.logPath());
-        m_Start = Tree::capture(m_Host);
+        m_Start = nxtest::treeOf(m_Host, true);
         m_OldMarks = marksOf(m_Start);
         for (int b : kBuckets)
             m_Versions[b] = versions(b);
 
-        EXPECT_EQ(m_Install.runIndexerWith({}, 30000), 0);
-        m_Reference = Tree::capture(m_Host);
+        EXPECT_EQ(m_Install.runIndexer({}, 30000), 0);
+        m_Reference = nxtest::treeOf(m_Host, true);
         m_Normal = errorLines();
         const QRegularExpression normal(":: (In StartIndexer|DB count to be indexed is zero!|"
                                         "Error:Could not get \\.yn files for following indexer type- )");
@@ -176,10 +147,10 @@ public:
         EXPECT_TRUE(wrong.isEmpty()) << "uninterrupted run: " << wrong.join("; ").toStdString();
     }
 
-    // Fails, kills or cuts the power at the N-th call of each family: every N up to NXSWEEP_DENSE, then every
-    // NXSWEEP_STRIDE-th, and the last NXSWEEP_DENSE; NXSWEEP_ONLY=family:N runs one case and shows its log's error
-    // lines.
-    Figures sweep(Action action, const QStringList& families = allFamilies())
+    // At the N-th call of each family: every N up to NXSWEEP_DENSE, then every NXSWEEP_STRIDE-th, and the last
+    // NXSWEEP_DENSE; NXSWEEP_ONLY=family:N runs one case and shows its log's error lines.
+    Figures sweep(Action action, const QStringList& families = QString("open write close read rename unlink mkdir sync")
+                                                                   .split(' '))
     {
         const bool kill = action != Action::Fail;
         const long dense = setting("NXSWEEP_DENSE", 48), stride = qMax(1, setting("NXSWEEP_STRIDE", 8));
@@ -193,8 +164,8 @@ public:
                 continue;
             const QStringList base = QStringList{"LD_PRELOAD=" NXFAULTINJECT_PATH, "NXFAULT_FAMILY=" + family,
                                                  kNotCounted} + QString(kActions[int(action)].settings).split('\n');
-            Case uninterrupted;
-            const long calls = run(base + QStringList{"NXFAULT_NTH=1000000000"}, &uninterrupted);
+            Case none;
+            const long calls = run(base + QStringList{"NXFAULT_NTH=1000000000"}, &none);
             Figures figures;
             long n = one ? only[1].toLong() : 1, last = 0;
             for (; !maxN || n <= maxN; n = n < dense || n >= calls - dense ? n + 1 : qMin(n + stride, calls - dense)) {
@@ -243,14 +214,6 @@ public:
         return figures;
     }
 
-    static QStringList allFamilies()
-    {
-        QStringList families;
-        for (const char* family : kFamilies)
-            families << family;
-        return families;
-    }
-
 private:
     const char* name() const { return m_Existing ? "existing index" : "first run"; }
     QString rel(const QString& path) const { return QDir(m_Host).relativeFilePath(path); }
@@ -264,7 +227,7 @@ private:
     QMap<int, int> marksOf(const Tree& tree) const
     {
         QMap<int, int> marks;
-        for (const QByteArray& line : tree.at(rel(nxformat::helperProgressPath(m_Host, kDb))).split('\n')) {
+        for (const QByteArray& line : tree.value(rel(nxformat::helperProgressPath(m_Host, kDb))).split('\n')) {
             bool ok = false;
             const int bucket = line.left(line.indexOf('=')).toInt(&ok, 16);
             if (ok && line.contains('='))
@@ -312,7 +275,7 @@ private:
     // killed after delayMs; returns the calls of the family that the run made (the N-th one failing or killing).
     long run(QStringList environment, Case* c, int delayMs = -1)
     {
-        m_Start.restore(m_Host);
+        restore(m_Start, m_Host);
         QFile::remove(m_Install.logPath());
         QTemporaryDir dir;
         const QString count = dir.filePath("count"), trace = dir.filePath("trace");
@@ -321,21 +284,7 @@ private:
             environment << "NXFAULT_TRACE=" + trace;
         QElapsedTimer timer;
         timer.start();
-        if (delayMs < 0) {
-            c->exitCode = m_Install.runIndexerWith(environment, 30000);
-        } else {
-            QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-            for (const QString& variable : environment)
-                env.insert(variable.section('=', 0, 0), variable.section('=', 1));
-            const QString asan = env.value("ASAN_OPTIONS");  // the fault library comes before the sanitizer
-            env.insert("ASAN_OPTIONS", asan + (asan.isEmpty() ? "" : ":") + "verify_asan_link_order=0");
-            QProcess process;
-            process.setProcessEnvironment(env);
-            process.setProcessChannelMode(QProcess::ForwardedChannels);
-            process.start(m_Install.root() + "/bin/nxindexer", QStringList());
-            if (!(c->hit = process.waitForFinished(delayMs)))
-                process.kill(), process.waitForFinished();
-        }
+        c->exitCode = m_Install.runIndexer(environment, delayMs < 0 ? 30000 : delayMs, delayMs >= 0);
         c->ms = timer.elapsed();
         if (qEnvironmentVariableIsSet("NXSWEEP_TRACE"))
             QFile::copy(trace, qEnvironmentVariable("NXSWEEP_TRACE"));
@@ -344,8 +293,7 @@ private:
         c->errors = errorLines();
         for (const QString& line : m_Normal)
             c->errors.removeAll(line);
-        if (delayMs < 0)
-            c->hit = words.value(1) == "killed" || words.value(1).toLong() > 0;
+        c->hit = delayMs < 0 ? words.value(1) == "killed" || words.value(1).toLong() > 0 : c->exitCode != -2;
         return words.value(0).toLong();
     }
     // The log's ERROR lines without their error codes.
@@ -370,7 +318,7 @@ private:
             return "failed restoring move";
         if (c.family == "read" && from.endsWith(".ini") && !from.contains("/nxindexer-ini/"))
             return "INI read given its default";
-        if (from.contains("/nxindexer-ini/") && after.files == m_Reference.files)
+        if (from.contains("/nxindexer-ini/") && after == m_Reference)
             return "absorbed by Qt in an INI scratch file, without any effect";
         return QString();
     }
@@ -379,7 +327,7 @@ private:
     void judge(const Case& c, Figures& figures)
     {
         ++figures.injected;
-        const Tree after = Tree::capture(m_Host);
+        const Tree after = nxtest::treeOf(m_Host, true);
         QStringList wrong, losses, left;
         const QString silence = c.kill || !c.errors.isEmpty() ? QString() : allowedSilence(c, after);
         if (!c.kill && c.exitCode != 0)
@@ -387,11 +335,11 @@ private:
         if (!c.kill && c.errors.isEmpty() && silence.isEmpty())
             wrong << "the failure was not logged";
         wrong += checkAfterRun(after, c, &losses);
-        EXPECT_EQ(m_Install.runIndexerWith({}, 30000), 0) << "clean run after " << c.what.toStdString();
-        const Tree final = Tree::capture(m_Host);
+        EXPECT_EQ(m_Install.runIndexer({}, 30000), 0) << "clean run after " << c.what.toStdString();
+        const Tree final = nxtest::treeOf(m_Host, true);
         wrong += checkFinal(final, c, &losses);
-        for (const QString& path : final.files.keys())
-            if (!m_Reference.has(path))
+        for (const QString& path : final.keys())
+            if (!m_Reference.contains(path))
                 left << path;
         figures.leftovers += left.isEmpty() ? 0 : 1;
         losses.removeDuplicates();
@@ -427,13 +375,13 @@ private:
             const Version* installed[3] = {};
             for (int kind = 0; kind < 3; ++kind) {
                 const QString cur = indexFile(kind, Generation::Current, b);
-                const QByteArray prev = after.at(indexFile(kind, Generation::Previous, b));
-                const bool hadOld = m_Start.has(cur), hasPrev = after.has(indexFile(kind, Generation::Previous, b));
-                if (after.has(cur) && !(installed[kind] = versionWith(b, kind, after.at(cur))) &&
-                    !(hadOld && after.at(cur) == m_Start.at(cur)))
+                const QByteArray prev = after.value(indexFile(kind, Generation::Previous, b));
+                const bool hadOld = m_Start.contains(cur), hasPrev = after.contains(indexFile(kind, Generation::Previous, b));
+                if (after.contains(cur) && !(installed[kind] = versionWith(b, kind, after.value(cur))) &&
+                    !(hadOld && after.value(cur) == m_Start.value(cur)))
                     wrong << cur + " holds neither the old nor a new version";
-                else if (!after.has(cur) && (hasPrev != hadOld || (hadOld && (prev != m_Start.at(cur) ||
-                             !versionWith(b, kind, after.at(indexFile(kind, Generation::Pending, b)))))))
+                else if (!after.contains(cur) && (hasPrev != hadOld || (hadOld && (prev != m_Start.value(cur) ||
+                             !versionWith(b, kind, after.value(indexFile(kind, Generation::Pending, b)))))))
                     wrong << cur + " is missing, but not with the old version previous and the new one pending";
             }
             installedKeys[b] = installed[0];
@@ -441,10 +389,10 @@ private:
                 (!installed[2] || installed[0] != installed[2] || installed[1] != installed[2]))
                 wrong << QString::asprintf("bucket %02x: mark %d is ahead of its files", b, mark);
         }
-        if (m_Start.has(m_Status) && !after.has(m_Status))
+        if (m_Start.contains(m_Status) && !after.contains(m_Status))
             wrong << m_Status + " is gone";
-        if (after.has(m_Status) && after.at(m_Status) != m_Start.at(m_Status))
-            wrong += checkBlocks(after.at(m_Status), c, losses, [&](int b, const QByteArray& block) {
+        if (after.contains(m_Status) && after.value(m_Status) != m_Start.value(m_Status))
+            wrong += checkBlocks(after.value(m_Status), c, losses, [&](int b, const QByteArray& block) {
                 for (const Version& v : m_Versions.value(b))
                     if (v.block == block)
                         return !installedKeys[b] || installedKeys[b]->block == block;
@@ -463,8 +411,8 @@ private:
             QByteArray files[3];
             for (int kind = 0; kind < 3; ++kind) {
                 const QString cur = indexFile(kind, Generation::Current, b);
-                files[kind] = after.at(cur);
-                same = same && after.has(cur) == m_Reference.has(cur) && files[kind] == m_Reference.at(cur);
+                files[kind] = after.value(cur);
+                same = same && after.contains(cur) == m_Reference.contains(cur) && files[kind] == m_Reference.value(cur);
             }
             // A short read while collecting: the bucket is written and marked with zero records in its place.
             const Version* v = versionWith(b, 2, files[2]);
@@ -475,20 +423,20 @@ private:
                 wrong << QString::asprintf("bucket %02x: after a clean run the files or the mark (%d) differ from an "
                                            "uninterrupted run's", b, marks.value(b, -1));
         }
-        if (!after.has(m_Status) && m_Start.has(m_Status))
+        if (!after.contains(m_Status) && m_Start.contains(m_Status))
             return wrong << m_Status + " is gone";
-        if (!after.has(m_Status))
+        if (!after.contains(m_Status))
             return *losses << "this run's status file not installed, there is none", wrong;
         // The key files of the run that installed it: the previous one stays when this run's was never installed.
-        const bool previous = m_Start.has(m_Status) && after.at(m_Status) == m_Start.at(m_Status);
+        const bool previous = m_Start.contains(m_Status) && after.value(m_Status) == m_Start.value(m_Status);
         if (previous)
             *losses << "this run's status file not installed, the previous one stays";
         const Tree& keys = previous ? m_Start : after;
-        return wrong + checkBlocks(after.at(m_Status), c, losses, [&](int b, const QByteArray& block) {
+        return wrong + checkBlocks(after.value(m_Status), c, losses, [&](int b, const QByteArray& block) {
             const QString key = indexFile(0, Generation::Current, b);
-            const auto file = nxformat::parseKeyFile(keys.at(key));
+            const auto file = nxformat::parseKeyFile(keys.value(key));
             const auto parsed = nxformat::parseBucketBlock(block, 0);
-            return keys.has(key) && file && parsed && file->keys == parsed->keys &&
+            return keys.contains(key) && file && parsed && file->keys == parsed->keys &&
                    file->groupTable == parsed->groupTable && parsed->count == DWORD(file->keys.size());
         });
     }

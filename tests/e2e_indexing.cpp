@@ -1,9 +1,8 @@
-// The real nxindexer on generated databases: every written file is read back
-// and compared with what a correct run must produce from the records that
-// went in, across a first, an incremental and an idle run.
+// The real nxindexer on generated databases: every file it writes, byte for byte, after a first, an incremental
+// and an idle run.
 #include "indexformat.h"
 #include "sampledb.h"
-#include "tools_support.h"
+#include "testsupport.h"
 
 #include <QDir>
 #include <QSettings>
@@ -27,9 +26,7 @@ void addFiles(const TempInstall& install, Database& db, int firstFile, int lastF
     }
 }
 
-// Checks every bucket's three files, the status file and the progress marks
-// against the records merged in the last run: files firstFile to lastFile,
-// plus the bucket's helper records.
+// Every bucket's three files, the status file and the marks after a run that merged files firstFile to lastFile.
 void expectIndexed(const TempInstall& install, const Database& db, int firstFile, int lastFile,
                    const QMap<int, QByteArray>& helpers = {})
 {
@@ -79,8 +76,7 @@ TEST(EndToEndIndexing, FirstIncrementalAndIdleRunsOfEveryKindOfVolume)
     expectIndexed(install, wfx00, 0, 1);
     const QByteArray wdx01Status = readFile(host + "/wdx01.sbf");
     EXPECT_EQ(sizeRecord("wdx00"), QString("%1#NXI").arg(readFile(host + "/wdx00.sbf").size()));
-    // The newest volume with only its file 0000 has nothing to index: its
-    // directories are made, no status file stays.
+    // The newest volume with only its file 0000 has nothing to index: its directories are made, no status file.
     EXPECT_EQ(install.logBodies().filter("DB count to be indexed is zero!").size(), 1);
     EXPECT_FALSE(nxtest::exists(host + "/wfx01.sbftmp") || nxtest::exists(host + "/wfx01.sbf"));
     EXPECT_TRUE(QDir(host + "/hl/wfx01/hlp").exists() && QDir(host + "/idxn/wfx01").exists());
@@ -121,9 +117,8 @@ TEST(EndToEndIndexing, TruncatedSourceFileSkipsTheRangesPastItsEnd)
     for (int bucket = 100; bucket < 256; ++bucket)
         wdx00.files[1][bucket].clear();
     expectIndexed(install, wdx00, 0, 1);
-    // From bucket 100 on every range of file 1 lies past the end: 125 buckets
-    // with records in file 0 fail in both passes (the second time as a repeat
-    // of the same line), the 31 without any only in the sizing pass.
+    // Past bucket 99 the 125 buckets with records in file 0 fail in both passes (the second as a repeat), the 31
+    // others in the sizing pass only.
     const QStringList log = install.logBodies();
     EXPECT_EQ(log.filter("[ERROR]").filter(file1).size(), 125 + 31);
     EXPECT_EQ(log.filter("Repeated [00001] times.").size(), 125);

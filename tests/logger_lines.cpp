@@ -22,15 +22,14 @@ struct Logger : ::testing::Test {
     QStringList bodies() { return nxtest::logBodies(path).mid(1); }  // after the start line
 };
 
-// A name without "(" ("LoggerStarted") is in every start line; the names a run
-// reports (return types, "*" and "," in the parameters) are in the end-to-end log table test.
+// A name without "(" is in every start line; the names a run reports are in the end-to-end log table.
 TEST_F(Logger, LineBytesCodePieceAndMethodNames)
 {
     logger.Trace("void nxi::StartLoop()", "In get %s type", "DB");
     logger.Error("bool nxi::ReadHelperFile(int)", -1, "ReadFile %d", 7);
     logger.Error(nullptr, 2, "x");
     logger.Trace("f(int a)", "%s", std::string(100000, 'y').c_str());  // the first "(" lies before the first blank
-    // Every line is stamp, two blanks, body, CR LF: logBodies() shows a line without a stamp.
+    // Every line is stamp, two blanks, body, CR LF.
     QRegularExpression head("^" + kStamp + "  " + QRegularExpression::escape(startBody()) + "\r\n" + kStamp +
                             "  \\[TRACE\\]  \\[nxi::StartLoop\\] :: In get DB type\r\n");
     QRegularExpressionMatch match = head.match(QString::fromUtf8(nxtest::readFile(path)));
@@ -60,7 +59,7 @@ TEST_F(Logger, LevelsLetThroughTheirEntryPoints)
         c.set(l);
         const char* fn = "int main(int, char**)";
         l.Error(fn, 2, "e"); l.Always(fn, "a"); l.Info(fn, "i"); l.Trace(fn, "t"); l.Buffer(fn, "b"); l.Debug(fn, "d");
-        EXPECT_EQ(nxtest::logBodies(casePath).mid(1), all.mid(0, c.passing)) << casePath.toStdString();
+        EXPECT_EQ(nxtest::logBodies(casePath).mid(1), all.mid(0, c.passing)) << casePath;
     }
 }
 
@@ -74,7 +73,7 @@ TEST_F(Logger, ConsoleLinesEndInNewlineAndOtherTypesAreSilent)
     logger.Error("void nxi::StartLoop()", 1, "silenced");
     QString out = QString::fromStdString(::testing::internal::GetCapturedStdout());
     QString line = kStamp + "  \\[TRACE\\]  \\[nxi::StartLoop\\] :: same\n";
-    EXPECT_TRUE(QRegularExpression("^" + line + line + "$").match(out).hasMatch()) << out.toStdString();
+    EXPECT_TRUE(QRegularExpression("^" + line + line + "$").match(out).hasMatch()) << out;
     EXPECT_EQ(nxtest::logBodies(path), QStringList({startBody()}));
 }
 
@@ -87,7 +86,7 @@ TEST(LoggerNames, ProgramNameFallsBackToExeThenUnknownAndNamesTheSharedLog)
         {{}, "/opt/tv/bin/nxindexer", "nxindexer"}, {{}, "", "Unknown"}, {{" "}, "/", "Unknown"},
     };
     for (const Case& c : cases)
-        EXPECT_EQ(CLogger::programNameFrom(c.args, c.exe), c.name) << c.args.join('|').toStdString();
+        EXPECT_EQ(CLogger::programNameFrom(c.args, c.exe), c.name) << c.args.join('|');
     EXPECT_EQ(CLogger::programName(), "nxtest_logger");
     CLogger* logger = CLogger::getInstance();
     ASSERT_EQ(CLogger::getInstance(), logger);

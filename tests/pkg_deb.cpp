@@ -1,36 +1,19 @@
-// The Debian package that cpack makes from this build tree: its files and
-// control fields, its maintainer scripts, an installation unpacked from it
-// that indexes and verifies a sample, its manual pages and units. One test,
-// so that one ctest run makes the package once.
+// The Debian package that cpack makes from this build tree: its files and control fields, its maintainer scripts, an
+// installation unpacked from it that indexes and verifies a sample, its manual pages and units. One test, so that one
+// ctest run makes the package once.
 #include "testsupport.h"
 
+#include <QDir>
+#include <QFileInfo>
+#include <QStandardPaths>
 #include <gtest/gtest.h>
 
 #include <cstdio>
 
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-#include <QProcess>
-#include <QStandardPaths>
-
 namespace {
 
-struct Output { int status; QString out, err; };
-
-Output run(const QString& program, const QStringList& args, const QStringList& env = {})
-{
-    QProcess process;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    for (const QString& setting : env)
-        environment.insert(setting.section('=', 0, 0), setting.section('=', 1));
-    process.setProcessEnvironment(environment);
-    process.start(program, args);
-    if (!process.waitForFinished(240000) || process.exitStatus() != QProcess::NormalExit)
-        return {-1, QString(), process.errorString()};
-    return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
-            QString::fromUtf8(process.readAllStandardError())};
-}
+using nxtest::Output;
+using nxtest::run;
 
 bool have(const char* tool) { return !QStandardPaths::findExecutable(tool).isEmpty(); }
 
@@ -41,7 +24,7 @@ TEST(PkgDeb, PackageInstallsIndexesAndKeepsData)
     QTemporaryDir dir(QDir::tempPath() + "/nxi-pkg-XXXXXX");
     const QString tmp = dir.path(), fixedRoot = "/usr/lib/TalvexSuite", root = tmp + "/x" + fixedRoot;
     Output made = run(NXPKG_CPACK, {"-G", "DEB", "-B", tmp + "/out", "--config", NXPKG_BINARY_DIR "/CPackConfig.cmake"});
-    ASSERT_EQ(made.status, 0) << made.out.toStdString() << made.err.toStdString();
+    ASSERT_EQ(made.status, 0) << made.out << made.err;
     const QString deb = tmp + "/out/nxindexer_" NXPKG_VERSION "_" + run("dpkg", {"--print-architecture"}).out.trimmed() + ".deb";
     ASSERT_EQ(run("dpkg-deb", {"-x", deb, tmp + "/x"}).status, 0);
     ASSERT_EQ(run("dpkg-deb", {"-e", deb, tmp + "/control"}).status, 0);
@@ -60,18 +43,17 @@ TEST(PkgDeb, PackageInstallsIndexesAndKeepsData)
         r + "usr/share/doc/nxindexer/changelog.gz", r + "usr/share/doc/nxindexer/copyright", d + "usr/share/man/",
         d + "usr/share/man/man1/", r + "usr/share/man/man1/nxinspect.1.gz", d + "usr/share/man/man8/",
         r + "usr/share/man/man8/nxindexer.8.gz"};
-    EXPECT_EQ(entries.join('\n').toStdString(), expected.join('\n').toStdString());
+    EXPECT_EQ(entries.join('\n'), expected.join('\n'));
     EXPECT_EQ(QFile::symLinkTarget(tmp + "/x/usr/bin/nxinspect"), tmp + "/x" + fixedRoot + "/bin/nxinspect");
     Output linted = run("lintian", {"--allow-root", "--fail-on", "error,warning", deb});
-    EXPECT_EQ(linted.status, 0) << linted.out.toStdString() << linted.err.toStdString();
-    EXPECT_EQ(run("dpkg-deb", {"-f", deb, "Package", "Version", "Section", "Maintainer"}).out.toStdString(),
+    EXPECT_EQ(linted.status, 0) << linted.out << linted.err;
+    EXPECT_EQ(run("dpkg-deb", {"-f", deb, "Package", "Version", "Section", "Maintainer"}).out,
               "Package: nxindexer\nVersion: " NXPKG_VERSION "\nSection: admin\n"
               "Maintainer: Talvex endpoint team <endpoint@talvex.invalid>\n");
     QString depends = run("dpkg-deb", {"-f", deb, "Depends"}).out;
-    EXPECT_TRUE(depends.startsWith("init-system-helpers") && depends.contains("libqt5core5a (>=")) << depends.toStdString();
+    EXPECT_TRUE(depends.startsWith("init-system-helpers") && depends.contains("libqt5core5a (>=")) << depends;
 
-    // The maintainer scripts, with deb-systemd-helper replaced by a stub that
-    // records its calls and DPKG_ROOT keeping them off this machine.
+    // The maintainer scripts, with a stub deb-systemd-helper that records its calls and DPKG_ROOT off this machine.
     const QString target = tmp + "/target" + fixedRoot, calls = tmp + "/calls";
     nxtest::writeFile(tmp + "/stub/deb-systemd-helper", "#!/bin/sh\necho \"$*\" >>\"$NXPKG_CALLS\"\n");
     QFile::setPermissions(tmp + "/stub/deb-systemd-helper", QFile::ReadOwner | QFile::ExeOwner);
@@ -87,11 +69,11 @@ TEST(PkgDeb, PackageInstallsIndexesAndKeepsData)
         SCOPED_TRACE(std::string(step.script) + " " + step.action);
         QFile::remove(calls);
         Output result = run(tmp + "/control/" + step.script, {step.action, ""}, env);
-        EXPECT_EQ(result.status, 0) << result.err.toStdString();
+        EXPECT_EQ(result.status, 0) << result.err;
         EXPECT_EQ(nxtest::readFile(calls).toStdString(), step.calls);
         // Without systemd at work in the target, the timer waits for the next boot, and postinst says so.
         EXPECT_EQ(result.err.contains("nxindexer.timer was enabled but not started"),
-                  step.script == std::string("postinst")) << result.err.toStdString();
+                  step.script == std::string("postinst")) << result.err;
         if (step.script == std::string("postinst")) {
             EXPECT_EQ(int(QFileInfo(target + "/db/txhost").permissions() & 0x7077), 0x7055);
             EXPECT_EQ(int(QFileInfo(target + "/logs").permissions() & 0x7077), 0x7050);
@@ -102,18 +84,16 @@ TEST(PkgDeb, PackageInstallsIndexesAndKeepsData)
     EXPECT_EQ(nxtest::readFile(target + "/db/txhost/idxn/wdx00/00.m").toStdString(), "index");
     EXPECT_EQ(nxtest::readFile(target + "/logs/nxindexer.log").toStdString(), "log");
 
-    // The unpacked programs find their root from where they stand. The
-    // indexer runs without its pause before each bucket (under AddressSanitizer
-    // the preloaded library comes before its runtime).
+    // The unpacked programs find their root from where they stand; the indexer runs without its pauses.
     ASSERT_EQ(run(NXTOOLS_DIR "/ynsample", {root, "--types", "wdx:2,wfx:1", "--records", "20"}).status, 0);
     QString asan = QString::fromLocal8Bit(qgetenv("ASAN_OPTIONS"));
     Output indexed = run(root + "/bin/nxindexer", {}, {"LD_PRELOAD=" NXNOPAUSE_PATH,
         "ASAN_OPTIONS=" + asan + (asan.isEmpty() ? "" : ":") + "verify_asan_link_order=0"});
-    EXPECT_EQ(indexed.status, 0) << indexed.err.toStdString();
+    EXPECT_EQ(indexed.status, 0) << indexed.err;
     EXPECT_TRUE(nxtest::logBodies(root + "/logs/nxindexer.log").contains("[TRACE]  [nxi::StartIndexer] :: ff"));
     Output verified = run(root + "/bin/nxinspect", {"verify"});
-    EXPECT_EQ(verified.status, 0) << verified.err.toStdString();
-    EXPECT_EQ(verified.out.toStdString(), "wdx00: ok\nwdx01: ok\nwfx00: ok\nverify: 3 databases, no violations\n");
+    EXPECT_EQ(verified.status, 0) << verified.err;
+    EXPECT_EQ(verified.out, "wdx00: ok\nwdx01: ok\nwfx00: ok\nverify: 3 databases, no violations\n");
 
     for (const char* page : {"/usr/share/man/man8/nxindexer.8.gz", "/usr/share/man/man1/nxinspect.1.gz"}) {
         // gzip -n: no file name (flags 0), no time stamp.
@@ -122,16 +102,15 @@ TEST(PkgDeb, PackageInstallsIndexesAndKeepsData)
             continue;
         Output shown = run("man", {"-l", "--warnings=w", tmp + "/x" + page}, {"LC_ALL=C.UTF-8", "MANWIDTH=80"});
         EXPECT_EQ(shown.status, 0) << page;
-        EXPECT_EQ(shown.err.toStdString(), "") << page;
-        EXPECT_TRUE(shown.out.contains("nxindexer " NXPKG_VERSION)) << shown.out.toStdString();
+        EXPECT_EQ(shown.err, "") << page;
+        EXPECT_TRUE(shown.out.contains("nxindexer " NXPKG_VERSION)) << shown.out;
     }
 
     if (!have("systemd-analyze")) {
         printf("systemd-analyze is not installed: the units are not verified\n");
         return;
     }
-    // The units name the fixed root; copies that name the unpacked one let
-    // systemd-analyze check that ExecStart is the packaged program.
+    // Copies of the units that name the unpacked root let systemd-analyze check that ExecStart is the packaged program.
     QStringList units;
     for (const char* unit : {"nxindexer.service", "nxindexer.timer"}) {
         QString text = QString::fromUtf8(nxtest::readFile(tmp + "/x/lib/systemd/system/" + unit));
@@ -141,7 +120,7 @@ TEST(PkgDeb, PackageInstallsIndexesAndKeepsData)
     }
     Output checked = run("systemd-analyze", QStringList({"verify", "--man=no"}) + units);
     EXPECT_EQ(checked.status, 0);
-    EXPECT_EQ((checked.out + checked.err).toStdString(), "");
+    EXPECT_EQ((checked.out + checked.err), "");
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 // Bad command lines of ynsample and nxinspect: one line on stderr, nothing on
 // stdout, nothing written.
-#include "tools_support.h"
+#include "testsupport.h"
 
 #include <gtest/gtest.h>
 
@@ -36,9 +36,9 @@ TEST(ToolsCli, BothToolsRefuseBadArgumentsWithOneLine)
     for (const auto& call : calls) {
         QStringList args = call.args;
         args.replaceInStrings("<root>", install.root());
-        nxtest::ToolRun run = nxtest::runTool(call.tool, args);
+        nxtest::Output run = nxtest::runTool(call.tool, args);
         SCOPED_TRACE(qPrintable(call.tool + QString(" ") + args.join(' ')));
-        EXPECT_EQ(run.exitCode, call.exitCode);
+        EXPECT_EQ(run.status, call.exitCode);
         EXPECT_EQ(run.err, call.tool + QString(": ") + QString(call.message).replace("<root>", install.root()) + "\n");
         EXPECT_EQ(run.out, "");
     }

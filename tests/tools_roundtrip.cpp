@@ -1,7 +1,7 @@
 // ynsample -> nxindexer -> nxinspect: every generated record is found again
 // with its payload; lookup, summary and verify print exactly what is indexed.
 #include "nxinspect.h"
-#include "tools_support.h"
+#include "testsupport.h"
 #include "ynsample.h"
 
 #include <QFile>
@@ -18,9 +18,9 @@ TEST(ToolsRoundTrip, EveryGeneratedRecordIsFoundAndVerifyNamesEachDamage)
 {
     TempInstall install;
     const ynsample::SampleOptions options{{{"wdx", 2}, {"wfx", 1}}, 2, 400, true, 42};
-    nxtest::ToolRun sample = runTool("ynsample", {install.root(), "--types", "wdx:2,wfx:1", "--files", "2",
+    nxtest::Output sample = runTool("ynsample", {install.root(), "--types", "wdx:2,wfx:1", "--files", "2",
                                                   "--records", "400", "--helpers", "--seed", "42"});
-    ASSERT_EQ(sample.exitCode, 0) << qPrintable(sample.err);
+    ASSERT_EQ(sample.status, 0) << qPrintable(sample.err);
     ASSERT_EQ(install.runIndexer(), 0);
 
     for (const QString& db : ynsample::databaseNames(options)) {
@@ -78,8 +78,8 @@ TEST(ToolsRoundTrip, EveryGeneratedRecordIsFoundAndVerifyNamesEachDamage)
             damaged[int(damage.offset)] = char(damaged[int(damage.offset)] ^ 0x01);
         writeFile(path, damaged);  // a missing file is created empty
 
-        nxtest::ToolRun run = runTool("nxinspect", {"verify", install.root()});
-        EXPECT_EQ(run.exitCode, 1);
+        nxtest::Output run = runTool("nxinspect", {"verify", install.root()});
+        EXPECT_EQ(run.status, 1);
         const QStringList lines = run.out.split('\n');
         const int n = damage.expected.size();
         EXPECT_EQ(lines[0], QString("wdx00: %1 violation%2").arg(n).arg(n > 1 ? "s" : ""));
@@ -88,8 +88,8 @@ TEST(ToolsRoundTrip, EveryGeneratedRecordIsFoundAndVerifyNamesEachDamage)
         damage.offset >= 0 ? writeFile(path, original) : void(QFile::remove(path));
     }
     // Once each damage is undone, verify passes.
-    nxtest::ToolRun verify = runTool("nxinspect", {"verify", install.root()});
-    EXPECT_EQ(verify.exitCode, 0);
+    nxtest::Output verify = runTool("nxinspect", {"verify", install.root()});
+    EXPECT_EQ(verify.status, 0);
     EXPECT_EQ(verify.out, "wdx00: ok\nwdx01: ok\nwfx00: ok\nverify: 3 databases, no violations\n");
 }
 
@@ -116,14 +116,14 @@ TEST(ToolsRoundTrip, LookupFindsKeysAlsoWhereByte3DiffersAndSummaryIsExact)
         {"01070001", 0, line(5, 0, 1) + line(6, 0, 3)}, {"0x2070001", 0, line(5, 1, 2)},
         {"02080002", 0, line(5, 2, 0)}, {"03070001", 1, ""}};
     for (const auto& lookup : lookups) {
-        nxtest::ToolRun run = runTool("nxinspect", {"lookup", "wdx00", lookup.key, install.root()});
-        EXPECT_EQ(run.exitCode, lookup.exitCode) << lookup.key;
+        nxtest::Output run = runTool("nxinspect", {"lookup", "wdx00", lookup.key, install.root()});
+        EXPECT_EQ(run.status, lookup.exitCode) << lookup.key;
         EXPECT_EQ(run.out, lookup.out);
         EXPECT_EQ(run.err, lookup.exitCode ? "nxinspect: no record with key " + QString(lookup.key) + " in wdx00\n" : "");
     }
     // Key file: 2 bytes a record + a 512-byte group table a bucket; status file: 1024-byte head + blocks.
-    nxtest::ToolRun summary = runTool("nxinspect", {"summary", install.root()});
-    EXPECT_EQ(summary.exitCode, 0);
+    nxtest::Output summary = runTool("nxinspect", {"summary", install.root()});
+    EXPECT_EQ(summary.status, 0);
     EXPECT_EQ(summary.out, "wdx00\n"
                            "  buckets written  2 of 256, 4 records\n"
                            "  index files      key 1.01 KB, payload 48.00 bytes, entry 64.00 bytes\n"

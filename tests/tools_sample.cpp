@@ -1,6 +1,6 @@
 // ynsample: the tree it writes, its determinism, its progress and its refusals.
 #include "indexformat.h"
-#include "tools_support.h"
+#include "testsupport.h"
 
 #include <gtest/gtest.h>
 
@@ -12,13 +12,13 @@ TEST(ToolsSample, SameSeedGivesTheSameTreeAndAnotherSeedAnother)
 {
     TempInstall first, second, other;
     const QStringList options{"--types", "wdx:2,wfx", "--files=2", "--records", "40"};
-    nxtest::ToolRun run = runTool("ynsample", QStringList{first.root(), "--seed", "3"} + options);
-    ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
+    nxtest::Output run = runTool("ynsample", QStringList{first.root(), "--seed", "3"} + options);
+    ASSERT_EQ(run.status, 0) << qPrintable(run.err);
     EXPECT_EQ(run.err, "");
     EXPECT_EQ(run.out, "ynsample: wdx00 wdx01 wfx00 under " + first.host() +
                            ": 6 source files, 240 records, 0 helper files with 0 records (seed 3)\n");
-    ASSERT_EQ(runTool("ynsample", QStringList{second.root(), "--seed", "3"} + options).exitCode, 0);
-    ASSERT_EQ(runTool("ynsample", QStringList{other.root(), "--seed", "4"} + options).exitCode, 0);
+    ASSERT_EQ(runTool("ynsample", QStringList{second.root(), "--seed", "3"} + options).status, 0);
+    ASSERT_EQ(runTool("ynsample", QStringList{other.root(), "--seed", "4"} + options).status, 0);
 
     QMap<QString, QByteArray> tree = treeOf(first.host());
     EXPECT_EQ(tree.keys(), (QStringList{"idxnd/wdx000000.yn", "idxnd/wdx000001.yn", "idxnd/wdx010000.yn",
@@ -37,20 +37,20 @@ TEST(ToolsSample, ReportsLargeJobsAndRefusesWithOneLineWritingNothing)
 {
     TempInstall install;
     // 18 million records over 256 buckets: about 70,000 in each.
-    nxtest::ToolRun big = runTool("ynsample", {install.root(), "--types", "wdx", "--files", "2", "--records", "9000000"});
-    EXPECT_EQ(big.exitCode, 1);
+    nxtest::Output big = runTool("ynsample", {install.root(), "--types", "wdx", "--files", "2", "--records", "9000000"});
+    EXPECT_EQ(big.status, 1);
     EXPECT_TRUE(big.err.startsWith("ynsample: bucket ") && big.err.contains(" of wdx00 would hold ") &&
                 big.err.endsWith("; nothing written\n") && big.err.count('\n') == 1) << qPrintable(big.err);
     EXPECT_TRUE(treeOf(install.host()).isEmpty());
 
     // A large job reports each source file; a second sample into the same root would mix with it.
-    nxtest::ToolRun large = runTool("ynsample", {install.root(), "--types", "wfx", "--records", "200000"});
-    ASSERT_EQ(large.exitCode, 0);
+    nxtest::Output large = runTool("ynsample", {install.root(), "--types", "wfx", "--records", "200000"});
+    ASSERT_EQ(large.status, 0);
     EXPECT_EQ(large.err, "ynsample: wfx00: source file 1 of 3\nynsample: wfx00: source file 2 of 3\n"
                          "ynsample: wfx00: source file 3 of 3\n");
     QMap<QString, QByteArray> before = treeOf(install.host());
-    nxtest::ToolRun again = runTool("ynsample", {install.root(), "--records", "10", "--seed", "2"});
-    EXPECT_EQ(again.exitCode, 1);
+    nxtest::Output again = runTool("ynsample", {install.root(), "--records", "10", "--seed", "2"});
+    EXPECT_EQ(again.status, 1);
     EXPECT_EQ(again.err, "ynsample: " + install.host() + "/idxnd already holds source files; choose another root\n");
     EXPECT_EQ(treeOf(install.host()), before);
 }

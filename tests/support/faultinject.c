@@ -1,27 +1,19 @@
-/* Tests only: preloaded into a run of the real nxindexer, it makes one call of
- * a family of C library file operations fail the way the real fault does, or
- * kills the process there, and can trace every such call. The shipped program
- * never loads it.
+/* Tests only: preloaded into a run of the real nxindexer, it fails one call of a family of C library file
+ * operations the way the real fault does, or kills the process there, and can trace every such call.
  *
- *   NXFAULT_FAMILY  open (for writing) | write | close | read | rename | unlink | mkdir | sync
+ *   NXFAULT_FAMILY  open (for writing) | write | close | read | rename | unlink | mkdir | sync; the failure's errno is
+ *                   ENOSPC for open, write and close, EIO for read, rename and sync, EACCES for unlink and mkdir
  *   NXFAULT_NTH     fail the N-th call of the family (1-based); 0 or unset: every call
  *   NXFAULT_MATCH   count only calls whose path (or the fd's path) contains this text
- *   NXFAULT_SKIP    never count calls whose path contains one of these ':'-separated
- *                   texts (e.g. "/logs/:/proc/")
- *   NXFAULT_ACTION  fail (default) | kill (SIGKILL at that call) | powercut (a kill that first
- *                   removes every directory this run created whose entry its parent has
- *                   not been synced to since, as a power cut may drop it)
- *   NXFAULT_DROP    with powercut, drop only such directories whose path contains one of
- *                   these ':'-separated texts
- *                   the failure's errno: ENOSPC for open, write and close, EIO for read,
- *                   rename and sync, EACCES for unlink and mkdir
+ *   NXFAULT_SKIP    never count calls whose path contains one of these ':'-separated texts (e.g. "/logs/:/proc/")
+ *   NXFAULT_ACTION  fail (default) | kill (SIGKILL at that call) | powercut (a kill that first removes every directory
+ *                   this run created whose entry its parent has not been synced to since, as a power cut may drop it)
+ *   NXFAULT_DROP    with powercut, drop only such directories whose path contains one of these ':'-separated texts
  *   NXFAULT_TRACE   file that gets one line per call of any family: "<family> <path>"
- *   NXFAULT_COUNT   file that gets "<calls> <failed>" of the family at exit, followed by
- *                   " <path>" of the failed call when one failed; with NXFAULT_ACTION=kill
- *                   it gets "<calls> killed <path>" just before the kill
+ *   NXFAULT_COUNT   file that gets "<calls> <failed>" of the family at exit, followed by " <path>" of the failed call
+ *                   when one failed; with a kill it gets "<calls> killed <path>" just before the kill
  *
- * A failed fread or fwrite also sets the stream's error indicator, as the real
- * failure does; read covers read, pread and fread.
+ * read covers read, pread and fread; a failed fread or fwrite sets the stream's error indicator as the real one does.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -39,49 +31,38 @@
 
 static const char* const kFamilies[] = {"open", "write", "close", "read", "rename", "unlink", "mkdir", "sync"};
 enum { OPEN, WRITE, CLOSE, READ, RENAME, UNLINK, MKDIR, SYNC };
-static const int kDefaultErrno[] = {ENOSPC, ENOSPC, ENOSPC, EIO, EIO, EACCES, EACCES, EIO};
+static const int kErrno[] = {ENOSPC, ENOSPC, ENOSPC, EIO, EIO, EACCES, EACCES, EIO};
 
-static int g_family = -1, g_errno, g_kill, g_powerCut;
+static int g_family = -1, g_kill, g_powerCut;
 static long g_nth, g_calls, g_failed;
-static const char *g_match, *g_skip;
 static char g_failedPath[4096]; /* the call that failed, for NXFAULT_COUNT */
-static __thread int g_inside; /* our own calls while tracing are not counted */
+static __thread int g_inside;   /* our own calls are not counted */
 
 #define REAL(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
 
 __attribute__((constructor)) static void setUp(void)
 {
-    const char* family = getenv("NXFAULT_FAMILY");
-    for (int i = 0; family && i < (int)(sizeof kFamilies / sizeof *kFamilies); ++i)
+    const char *family = getenv("NXFAULT_FAMILY"), *action = getenv("NXFAULT_ACTION");
+    for (int i = 0; family && i < 8; ++i)
         if (strcmp(family, kFamilies[i]) == 0)
             g_family = i;
     g_nth = getenv("NXFAULT_NTH") ? atol(getenv("NXFAULT_NTH")) : 0;
-    g_match = getenv("NXFAULT_MATCH");
-    g_skip = getenv("NXFAULT_SKIP");
-    if (g_skip && !*g_skip)
-        g_skip = NULL;
-    const char* action = getenv("NXFAULT_ACTION");
     g_powerCut = action && strcmp(action, "powercut") == 0;
     g_kill = g_powerCut || (action && strcmp(action, "kill") == 0);
-    g_errno = g_family >= 0 ? kDefaultErrno[g_family] : 0;
 }
 
 static void writeCount(int killed)
 {
     const char* path = getenv("NXFAULT_COUNT");
-    if (!path)
-        return;
     g_inside = 1;
-    FILE* out = REAL(fopen)(path, "w");
-    if (out) {
-        if (killed)
-            fprintf(out, "%ld killed %s\n", g_calls, g_failedPath);
-        else
-            fprintf(out, "%ld %ld%s%s\n", g_calls, g_failed, g_failed ? " " : "", g_failedPath);
+    FILE* out = path ? REAL(fopen)(path, "w") : NULL;
+    if (out && killed)
+        fprintf(out, "%ld killed %s\n", g_calls, g_failedPath);
+    else if (out)
+        fprintf(out, "%ld %ld%s%s\n", g_calls, g_failed, g_failed ? " " : "", g_failedPath);
+    if (out)
         REAL(fclose)(out);
-    }
 }
-
 __attribute__((destructor)) static void tearDown(void) { writeCount(0); }
 
 static void fdPath(int fd, char* path, size_t size)
@@ -95,10 +76,8 @@ static void fdPath(int fd, char* path, size_t size)
 static void trace(int family, const char* path, const char* to)
 {
     const char* file = getenv("NXFAULT_TRACE");
-    if (!file)
-        return;
     g_inside = 1;
-    int fd = REAL(open)(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    int fd = file ? REAL(open)(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644) : -1;
     if (fd >= 0) {
         char line[8300];
         int n = snprintf(line, sizeof line, "%s %s%s%s\n", kFamilies[family], path, to ? " " : "", to ? to : "");
@@ -112,56 +91,35 @@ static void trace(int family, const char* path, const char* to)
 /* True when path contains one of the ':'-separated texts of list. */
 static int listed(const char* list, const char* path)
 {
-    for (const char* text = list; text && *text;) {
+    for (const char* text = list; path && text && *text;) {
         const char* end = strchr(text, ':');
         const size_t length = end ? (size_t)(end - text) : strlen(text);
-        char part[256];
-        if (length > 0 && length < sizeof part) {
-            memcpy(part, text, length);
-            part[length] = '\0';
-            if (strstr(path, part))
-                return 1;
-        }
+        if (length > 0 && memmem(path, strlen(path), text, length))
+            return 1;
         text = end ? end + 1 : NULL;
     }
     return 0;
 }
-static int skipped(const char* path) { return listed(g_skip, path); }
 
-/* Directories made by this run and whether their entry is on disk yet. */
-enum { kMaxMadeDirs = 256 };
-static struct { char path[1024]; int durable; } g_made[kMaxMadeDirs];
+/* Directories made by this run, and whether their entry is on disk yet. */
+static struct { char path[1024]; int durable; } g_made[256];
 static int g_madeCount;
 
-static void parentOf(const char* path, char* parent, size_t size)
-{
-    if (strlen(path) >= size) {
-        parent[0] = '\0';
-        return;
-    }
-    memcpy(parent, path, strlen(path) + 1);
-    size_t n = strlen(parent);
-    while (n > 1 && parent[n - 1] == '/')
-        parent[--n] = '\0';
-    char* slash = strrchr(parent, '/');
-    if (slash)
-        *(slash == parent ? slash + 1 : slash) = '\0';
-}
 static void made(const char* path)
 {
-    if (g_madeCount < kMaxMadeDirs) {
-        char* copy = realpath(path, NULL);
-        snprintf(g_made[g_madeCount].path, sizeof g_made[0].path, "%s", copy ? copy : path);
-        free(copy);
+    if (g_madeCount < 256) {
+        char* real = realpath(path, NULL);
+        snprintf(g_made[g_madeCount].path, sizeof g_made[0].path, "%s", real ? real : path);
+        free(real);
         g_made[g_madeCount++].durable = 0;
     }
 }
 static void synced(const char* directory)
 {
+    const size_t n = strlen(directory);
     for (int i = 0; i < g_madeCount; ++i) {
-        char parent[sizeof g_made[0].path];
-        parentOf(g_made[i].path, parent, sizeof parent);
-        if (strcmp(parent, directory) == 0)
+        const char* slash = strrchr(g_made[i].path, '/');
+        if (slash && (size_t)(slash - g_made[i].path) == (n == 1 ? 0 : n) && strncmp(g_made[i].path, directory, n) == 0)
             g_made[i].durable = 1;
     }
 }
@@ -171,155 +129,124 @@ static int removeEntry(const char* path, const struct stat* info, int type, stru
     REAL(remove)(path);
     return 0;
 }
-static void dropUnsyncedDirectories(void)
-{
-    g_inside = 1;
-    const char* only = getenv("NXFAULT_DROP");
-    for (int i = g_madeCount - 1; i >= 0; --i)
-        if (!g_made[i].durable && (!only || listed(only, g_made[i].path)))
-            nftw(g_made[i].path, removeEntry, 16, FTW_DEPTH | FTW_PHYS);
-}
 
 /* True when this call is to fail (errno is then set); kills when asked to. */
 static int fault(int family, const char* path, const char* to)
 {
     if (g_inside)
         return 0;
-    int saved = errno;
+    const int saved = errno;
     trace(family, path, to);
     errno = saved;
-    if (family != g_family || (g_match && !strstr(path, g_match) && !(to && strstr(to, g_match))))
+    const char *match = getenv("NXFAULT_MATCH"), *skip = getenv("NXFAULT_SKIP");
+    if (family != g_family || (match && !strstr(path, match) && !(to && strstr(to, match))))
         return 0;
-    if (skipped(path) || (to && skipped(to)))
-        return 0;
-    ++g_calls;
-    if (g_nth != 0 && g_calls != g_nth)
+    if (listed(skip, path) || listed(skip, to) || (++g_calls != g_nth && g_nth != 0))
         return 0;
     snprintf(g_failedPath, sizeof g_failedPath, "%s%s%s", path, to ? " " : "", to ? to : "");
     if (g_kill) {
         writeCount(1);
-        if (g_powerCut)
-            dropUnsyncedDirectories();
+        for (int i = g_madeCount - 1; g_powerCut && i >= 0; --i)
+            if (!g_made[i].durable && (!getenv("NXFAULT_DROP") || listed(getenv("NXFAULT_DROP"), g_made[i].path)))
+                nftw(g_made[i].path, removeEntry, 16, FTW_DEPTH | FTW_PHYS);
         raise(SIGKILL);
     }
     ++g_failed;
-    errno = g_errno;
+    errno = kErrno[family];
     return 1;
 }
 
+/* Regular files only (and directories being synced): pipes and terminals pass. */
 static int faultFd(int family, int fd)
 {
-    if (g_inside || (family != g_family && !getenv("NXFAULT_TRACE")))
-        return 0;
-    /* Regular files only (and directories being synced): pipes and terminals pass. */
     struct stat info;
-    if (fstat(fd, &info) != 0 || !(S_ISREG(info.st_mode) || (family == SYNC && S_ISDIR(info.st_mode))))
-        return 0;
     char path[4096];
+    if (g_inside || (family != g_family && !getenv("NXFAULT_TRACE")) || fstat(fd, &info) != 0 ||
+        !(S_ISREG(info.st_mode) || (family == SYNC && S_ISDIR(info.st_mode))))
+        return 0;
     fdPath(fd, path, sizeof path);
     return fault(family, path, NULL);
 }
+static int faultStream(int family, FILE* stream)
+{
+    if (!faultFd(family, fileno(stream)))
+        return 0;
+    stream->_flags |= _IO_ERR_SEEN;
+    return 1;
+}
 
-static int writeIntent(int flags) { return (flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC | O_APPEND)) != 0; }
-
-#define OPEN_WRAPPER(name, ...)                                                   \
-    int name(__VA_ARGS__, int flags, ...)                                         \
-    {                                                                             \
-        va_list args;                                                             \
-        va_start(args, flags);                                                    \
-        mode_t mode = (flags & (O_CREAT | O_TMPFILE)) ? va_arg(args, mode_t) : 0; \
-        va_end(args);                                                             \
-        if (writeIntent(flags) && fault(OPEN, path, NULL))                        \
-            return -1;                                                            \
-        return OPEN_CALL(name);                                                   \
+#define OPEN_WRAPPER(name, call, ...)                                                               \
+    int name(__VA_ARGS__, int flags, ...)                                                           \
+    {                                                                                               \
+        va_list args;                                                                               \
+        va_start(args, flags);                                                                      \
+        mode_t mode = (flags & (O_CREAT | O_TMPFILE)) ? va_arg(args, mode_t) : 0;                   \
+        va_end(args);                                                                               \
+        if ((flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC | O_APPEND)) && fault(OPEN, path, NULL)) \
+            return -1;                                                                              \
+        return REAL(name) call;                                                                     \
     }
-#define OPEN_CALL(name) REAL(name)(path, flags, mode)
-OPEN_WRAPPER(open, const char* path)
-OPEN_WRAPPER(open64, const char* path)
-#undef OPEN_CALL
-#define OPEN_CALL(name) REAL(name)(dirfd, path, flags, mode)
-OPEN_WRAPPER(openat, int dirfd, const char* path)
-OPEN_WRAPPER(openat64, int dirfd, const char* path)
-
+OPEN_WRAPPER(open, (path, flags, mode), const char* path)
+OPEN_WRAPPER(open64, (path, flags, mode), const char* path)
+OPEN_WRAPPER(openat, (dirfd, path, flags, mode), int dirfd, const char* path)
+OPEN_WRAPPER(openat64, (dirfd, path, flags, mode), int dirfd, const char* path)
 FILE* fopen(const char* path, const char* mode)
 {
-    if (strpbrk(mode, "wa+") && fault(OPEN, path, NULL))
-        return NULL;
-    return REAL(fopen)(path, mode);
+    return strpbrk(mode, "wa+") && fault(OPEN, path, NULL) ? NULL : REAL(fopen)(path, mode);
 }
 FILE* fopen64(const char* path, const char* mode)
 {
-    if (strpbrk(mode, "wa+") && fault(OPEN, path, NULL))
-        return NULL;
-    return REAL(fopen64)(path, mode);
+    return strpbrk(mode, "wa+") && fault(OPEN, path, NULL) ? NULL : REAL(fopen64)(path, mode);
 }
 
 ssize_t write(int fd, const void* data, size_t size) { return faultFd(WRITE, fd) ? -1 : REAL(write)(fd, data, size); }
 size_t fwrite(const void* data, size_t size, size_t count, FILE* stream)
 {
-    if (faultFd(WRITE, fileno(stream))) {
-        stream->_flags |= _IO_ERR_SEEN;
-        return 0;
-    }
-    return REAL(fwrite)(data, size, count, stream);
+    return faultStream(WRITE, stream) ? 0 : REAL(fwrite)(data, size, count, stream);
 }
 ssize_t read(int fd, void* data, size_t size) { return faultFd(READ, fd) ? -1 : REAL(read)(fd, data, size); }
-ssize_t pread(int fd, void* data, size_t size, off_t offset)
+ssize_t pread(int fd, void* data, size_t size, off_t at)
 {
-    return faultFd(READ, fd) ? -1 : REAL(pread)(fd, data, size, offset);
+    return faultFd(READ, fd) ? -1 : REAL(pread)(fd, data, size, at);
 }
-ssize_t pread64(int fd, void* data, size_t size, off64_t offset)
+ssize_t pread64(int fd, void* data, size_t size, off64_t at)
 {
-    return faultFd(READ, fd) ? -1 : REAL(pread64)(fd, data, size, offset);
+    return faultFd(READ, fd) ? -1 : REAL(pread64)(fd, data, size, at);
 }
 size_t fread(void* data, size_t size, size_t count, FILE* stream)
 {
-    if (faultFd(READ, fileno(stream))) {
-        stream->_flags |= _IO_ERR_SEEN;
-        return 0;
-    }
-    return REAL(fread)(data, size, count, stream);
+    return faultStream(READ, stream) ? 0 : REAL(fread)(data, size, count, stream);
 }
 
 /* The checked forms that a program built with _FORTIFY_SOURCE calls instead. */
+#define CHECKED(type) ((type)dlsym(RTLD_NEXT, __func__))
 ssize_t __read_chk(int fd, void* data, size_t size, size_t room)
 {
-    static ssize_t (*real)(int, void*, size_t, size_t);
-    real = real ? real : (ssize_t(*)(int, void*, size_t, size_t))dlsym(RTLD_NEXT, "__read_chk");
-    return faultFd(READ, fd) ? -1 : real(fd, data, size, room);
+    return faultFd(READ, fd) ? -1 : CHECKED(ssize_t(*)(int, void*, size_t, size_t))(fd, data, size, room);
 }
-ssize_t __pread64_chk(int fd, void* data, size_t size, off64_t offset, size_t room)
+ssize_t __pread64_chk(int fd, void* data, size_t size, off64_t at, size_t room)
 {
-    static ssize_t (*real)(int, void*, size_t, off64_t, size_t);
-    real = real ? real : (ssize_t(*)(int, void*, size_t, off64_t, size_t))dlsym(RTLD_NEXT, "__pread64_chk");
-    return faultFd(READ, fd) ? -1 : real(fd, data, size, offset, room);
+    return faultFd(READ, fd) ? -1 : CHECKED(ssize_t(*)(int, void*, size_t, off64_t, size_t))(fd, data, size, at, room);
 }
-ssize_t __pread_chk(int fd, void* data, size_t size, off_t offset, size_t room)
+ssize_t __pread_chk(int fd, void* data, size_t size, off_t at, size_t room)
 {
-    return __pread64_chk(fd, data, size, offset, room);
+    return __pread64_chk(fd, data, size, at, room);
 }
 size_t __fread_chk(void* data, size_t room, size_t size, size_t count, FILE* stream)
 {
-    static size_t (*real)(void*, size_t, size_t, size_t, FILE*);
-    real = real ? real : (size_t(*)(void*, size_t, size_t, size_t, FILE*))dlsym(RTLD_NEXT, "__fread_chk");
-    if (faultFd(READ, fileno(stream))) {
-        stream->_flags |= _IO_ERR_SEEN;
-        return 0;
-    }
-    return real(data, room, size, count, stream);
+    return faultStream(READ, stream)
+               ? 0 : CHECKED(size_t(*)(void*, size_t, size_t, size_t, FILE*))(data, room, size, count, stream);
 }
 
 /* A failing close loses what was still buffered, as a full disk does. */
 int fclose(FILE* stream)
 {
-    if (__fwritable(stream) && faultFd(CLOSE, fileno(stream))) {
-        int err = errno;
-        __fpurge(stream);
-        REAL(fclose)(stream);
-        errno = err;
-        return EOF;
-    }
-    return REAL(fclose)(stream);
+    if (!__fwritable(stream) || !faultFd(CLOSE, fileno(stream)))
+        return REAL(fclose)(stream);
+    __fpurge(stream);
+    REAL(fclose)(stream);
+    errno = kErrno[CLOSE];
+    return EOF;
 }
 
 int rename(const char* from, const char* to) { return fault(RENAME, from, to) ? -1 : REAL(rename)(from, to); }
@@ -339,21 +266,17 @@ int unlinkat(int dirfd, const char* path, int flags)
 int remove(const char* path) { return fault(UNLINK, path, NULL) ? -1 : REAL(remove)(path); }
 int mkdir(const char* path, mode_t mode)
 {
-    if (fault(MKDIR, path, NULL))
-        return -1;
-    const int result = REAL(mkdir)(path, mode);
+    const int result = fault(MKDIR, path, NULL) ? -1 : REAL(mkdir)(path, mode);
     if (result == 0)
         made(path);
     return result;
 }
 int fsync(int fd)
 {
-    if (faultFd(SYNC, fd))
-        return -1;
-    const int result = REAL(fsync)(fd);
+    const int result = faultFd(SYNC, fd) ? -1 : REAL(fsync)(fd);
     struct stat info;
+    char path[4096];
     if (result == 0 && fstat(fd, &info) == 0 && S_ISDIR(info.st_mode)) {
-        char path[4096];
         fdPath(fd, path, sizeof path);
         synced(path);
     }

@@ -1,5 +1,4 @@
-// Second process for the guard's tests: "nxguardprobe try NAME" prints the
-// result of a claim on NAME; "hold" then keeps it until standard input closes.
+// "nxguardprobe try NAME" prints the result of a claim on NAME; "hold" keeps it until standard input closes.
 #include "singleinstanceapp.h"
 
 #include <QCoreApplication>

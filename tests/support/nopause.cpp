@@ -1,8 +1,5 @@
-// Preloaded into the real nxindexer by the end-to-end tests and benchmarks:
-// replaces the 50 ms pause before every bucket by none, and makes the waits
-// for the disk (fsync, fdatasync) return at once, so a run of 256 buckets
-// takes a fraction of a second. The shipped program never loads it; the
-// fault library, preloaded before it, still sees and traces every sync.
+// Preloaded into the real nxindexer by the tests and benchmarks: no 50 ms pause before a bucket and no wait for the
+// disk, so a run takes a fraction of a second; the fault library, preloaded before it, still sees every sync.
 #include <QThread>
 
 #include <unistd.h>

@@ -38,11 +38,15 @@ void writeDbCount(const QString& host, const QString& iniName, const QString& ke
     writeFile(host + iniName, QString("[DB-COUNT]\n%1=%2\n").arg(key).arg(value).toUtf8());
 }
 
-namespace {
+void TempInstall::addSample(int files, int count, uint32_t salt) const
+{
+    for (int f = 0; f < files; ++f)
+        writeSource(host(), "wdx00", f, sampleSourceBuckets(f, salt));
+    writeSource(host(), "wdx01", 0, sampleSourceBuckets(0, salt + 1));
+    writeDbCount(host(), "/idxval.ini", "WDX00", count);
+}
 
-QByteArray le16(uint16_t v) { return QByteArray(1, char(v & 0xFF)) + QByteArray(1, char(v >> 8)); }
-
-} // namespace
+static QByteArray le16(uint16_t v) { return QByteArray(1, char(v & 0xFF)) + QByteArray(1, char(v >> 8)); }
 
 ExpectedBucket expectedBucket(const QByteArray& records)
 {

@@ -1,5 +1,4 @@
-// Runs the tests inside a QCoreApplication: the installation root, the
-// logger's file name and the INI helpers all depend on it.
+// The installation root, the logger's file name and the INI helpers need a QCoreApplication.
 #include <QCoreApplication>
 #include <gtest/gtest.h>
 

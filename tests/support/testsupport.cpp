@@ -3,10 +3,8 @@
 #include "indexformat.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
-#include <QFileInfo>
-#include <QProcess>
-#include <QProcessEnvironment>
 #include <QRegularExpression>
 
 namespace nxtest {
@@ -14,9 +12,7 @@ namespace nxtest {
 QByteArray readFile(const QString& path)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return QByteArray();
-    return file.readAll();
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 void writeFile(const QString& path, const QByteArray& bytes)
@@ -28,6 +24,17 @@ void writeFile(const QString& path, const QByteArray& bytes)
 }
 
 bool exists(const QString& path) { return QFileInfo::exists(path); }
+
+QMap<QString, QByteArray> treeOf(const QString& dir, bool withDirs)
+{
+    QMap<QString, QByteArray> tree;
+    const auto filter = (withDirs ? QDir::AllEntries : QDir::Files) | QDir::Hidden | QDir::System;
+    for (QDirIterator it(dir, filter | QDir::NoDotAndDotDot, QDirIterator::Subdirectories); it.hasNext();) {
+        const QString path = it.next();
+        tree[QDir(dir).relativeFilePath(path)] = it.fileInfo().isDir() ? "<dir>" : readFile(path);
+    }
+    return tree;
+}
 
 QByteArray makeRecord(uint32_t key, uint32_t payloadSeed)
 {
@@ -41,61 +48,64 @@ QByteArray makeRecord(uint32_t key, uint32_t payloadSeed)
 
 QString withoutTimestamp(const QString& line)
 {
-    static const QRegularExpression stamp(
-        "^\\d{4}-\\d{2}-\\d{2} \\d{2}:\\d{2}:\\d{2}:\\d{3}  ");
-    QRegularExpressionMatch match = stamp.match(line);
-    if (!match.hasMatch())
-        return "<no time stamp>: " + line;
-    return line.mid(match.capturedLength());
+    static const QRegularExpression stamp("^\\d{4}-\\d{2}-\\d{2} \\d{2}:\\d{2}:\\d{2}:\\d{3}  ");
+    const QRegularExpressionMatch match = stamp.match(line);
+    return match.hasMatch() ? line.mid(match.capturedLength()) : "<no time stamp>: " + line;
 }
 
 QStringList logBodies(const QString& logPath)
 {
-    QString text = QString::fromUtf8(readFile(logPath));
-    QStringList lines = text.split("\r\n");
-    if (!lines.isEmpty() && lines.last().isEmpty())
-        lines.removeLast();
     QStringList bodies;
-    for (const QString& line : lines)
+    for (const QString& line : QString::fromUtf8(readFile(logPath)).split("\r\n"))
         bodies << (line.startsWith("Repeated [") ? line : withoutTimestamp(line));
+    if (bodies.last() == withoutTimestamp(""))
+        bodies.removeLast();
     return bodies;
 }
 
-namespace {
-
-int runProgram(const QString& program, const QProcessEnvironment& env, int timeoutMs)
+Output finish(QProcess& process, int timeoutMs)
 {
-    QProcess process;
-    process.setProcessEnvironment(env);
-    process.setProcessChannelMode(QProcess::ForwardedChannels);
-    process.start(program, QStringList());
+    Output output;
     if (!process.waitForFinished(timeoutMs)) {
         process.kill();
         process.waitForFinished();
-        return -1;
+        output.status = -2;
+    } else if (process.exitStatus() == QProcess::NormalExit) {
+        output.status = process.exitCode();
     }
-    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    output.out = QString::fromUtf8(process.readAllStandardOutput());
+    output.err = QString::fromUtf8(process.readAllStandardError());
+    return output;
 }
 
-} // namespace
+Output run(const QString& program, const QStringList& args, const QStringList& environment)
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const QString& variable : environment)
+        env.insert(variable.section('=', 0, 0), variable.section('=', 1));
+    QProcess process;
+    process.setProcessEnvironment(env);
+    process.start(program, args);
+    return finish(process);
+}
+
+Output runTool(const QString& tool, const QStringList& args) { return run(NXTOOLS_DIR "/" + tool, args); }
 
 TempInstall::TempInstall(const QString& base)
-    : m_Dir((base.isEmpty() ? QDir::tempPath() : base) + "/nxi-test-XXXXXX")
+    : m_Dir((base.isEmpty() ? QDir::tempPath() : base) + "/nxi-test-XXXXXX"), m_Root(m_Dir.path() + "/install")
 {
-    m_Root = m_Dir.path() + "/install";
     QDir().mkpath(m_Root + "/bin");
     QDir().mkpath(host());
-    QFile::copy(NXINDEXER_PATH, m_Root + "/bin/nxindexer");
+    QFile::copy(NXINDEXER_PATH, program());
 }
 
-int TempInstall::runIndexer(bool withPause) const
+int TempInstall::runIndexer(const QStringList& environment, int timeoutMs, bool withPause) const
 {
-    return runProgram(m_Root + "/bin/nxindexer", indexerEnvironment({}, withPause), 240000);
-}
-
-int TempInstall::runIndexerWith(const QStringList& environment, int timeoutMs) const
-{
-    return runProgram(m_Root + "/bin/nxindexer", indexerEnvironment(environment), timeoutMs);
+    QProcess process;
+    process.setProcessEnvironment(indexerEnvironment(environment, withPause));
+    process.setProcessChannelMode(QProcess::ForwardedChannels);
+    process.start(program(), QStringList());
+    return finish(process, timeoutMs).status;
 }
 
 QProcessEnvironment TempInstall::indexerEnvironment(const QStringList& environment, bool withPause) const
@@ -105,14 +115,14 @@ QProcessEnvironment TempInstall::indexerEnvironment(const QStringList& environme
     for (const QString& variable : environment) {
         const QString name = variable.section('=', 0, 0), value = variable.section('=', 1);
         if (name == "LD_PRELOAD")
-            preload = value + (preload.isEmpty() ? "" : ":") + preload;  // sees every call before the seam does
+            preload = value + (preload.isEmpty() ? "" : ":") + preload;
         else
             env.insert(name, value);
     }
     if (!preload.isEmpty())
         env.insert("LD_PRELOAD", preload);
     // Under AddressSanitizer the preloaded libraries come before its runtime.
-    QString asan = env.value("ASAN_OPTIONS");
+    const QString asan = env.value("ASAN_OPTIONS");
     env.insert("ASAN_OPTIONS", asan + (asan.isEmpty() ? "" : ":") + "verify_asan_link_order=0");
     return env;
 }
