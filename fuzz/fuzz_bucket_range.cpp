@@ -10,6 +10,7 @@
 
 #include "indexformat.h"
 #include "nxi.h"
+#include "nxitestdoor.h"
 
 #include <cstring>
 
@@ -81,13 +82,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // More than the table holds: refused, nothing written, the bucket marked as given up.
     const size_t roomLeft = size_t(allocSize) - size_t(indexer.m_EntryCursor - table);
     unsigned char* const cursorBefore = indexer.m_EntryCursor;
-    FUZZ_CHECK(!indexer.m_EntryTableOverflow, "overflow flagged before any oversized copy");
+    FUZZ_CHECK(!NxiTestDoor::entryTableOverflowed(indexer), "overflow flagged before any oversized copy");
     FUZZ_CHECK(!indexer.ReadIndexBuffer(path.data(), 0, DWORD(roomLeft) + 16), "oversized copy accepted");
-    FUZZ_CHECK(indexer.m_EntryTableOverflow && indexer.m_EntryCursor == cursorBefore,
-               "oversized copy: overflow %d, cursor moved by %td", indexer.m_EntryTableOverflow,
+    FUZZ_CHECK(NxiTestDoor::entryTableOverflowed(indexer) && indexer.m_EntryCursor == cursorBefore,
+               "oversized copy: overflow %d, cursor moved by %td", NxiTestDoor::entryTableOverflowed(indexer),
                indexer.m_EntryCursor - cursorBefore);
 
-    indexer.ReleaseIndexBuffer();
+    NxiTestDoor::releaseIndexBuffer(indexer);
     FUZZ_CHECK(indexer.m_EntryTable == nullptr, "table still set after release");
     return 0;
 }

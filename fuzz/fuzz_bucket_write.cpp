@@ -14,6 +14,7 @@
 
 #include "indexformat.h"
 #include "nxi.h"
+#include "nxitestdoor.h"
 
 #include <QDir>
 #include <QFile>
@@ -197,13 +198,13 @@ void indexBucket(nxi& indexer, const Files& files, int bucket)
     const DWORD collected = indexer.CalculateSizeOfIndex(bucket, 0, true, &lastFile, dbCount);
     FUZZ_CHECK(collected == size && lastFile == dbCount - 2, "collecting pass: %u bytes, last file %d", collected,
                lastFile);
-    FUZZ_CHECK(!indexer.m_EntryTableOverflow, "unchanged files overflowed the table");
+    FUZZ_CHECK(!NxiTestDoor::entryTableOverflowed(indexer), "unchanged files overflowed the table");
     FUZZ_CHECK(indexer.m_EntryCursor == indexer.m_EntryTable + (helperSize & ~(kRecord - 1)) + size,
                "cursor at %td", indexer.m_EntryCursor - indexer.m_EntryTable);
     FUZZ_CHECK(std::memcmp(indexer.m_EntryTable, expected.constData(), allocSize) == 0,
                "table before the sort differs");
 
-    indexer.SortEntryTable(allocSize);
+    NxiTestDoor::sortEntryTable(indexer, allocSize);
     const uint32_t count = allocSize / kRecord;
     const QByteArray table(reinterpret_cast<const char*>(indexer.m_EntryTable), int(allocSize));
     const std::vector<Record> sorted = recordsOf(table, count);

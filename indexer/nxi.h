@@ -1,6 +1,7 @@
 #ifndef NXI_NXI_H
 #define NXI_NXI_H
 
+#include "indexformat.h"
 #include "sourcefiles.h"
 
 #include <QString>
@@ -16,7 +17,9 @@ class commonfun;
 // last run with the bucket's helper file, sorts them and writes the bucket's
 // key, payload and entry files plus its block in the database's status file.
 //
-// Operations and fields are public so that tests can drive each step alone.
+// The public part is the indexer's own interface: its operations and fields,
+// which tests drive step by step. The private part is bookkeeping of this
+// implementation; tests reach it only through NxiTestDoor (tests/support).
 class nxi
 {
 public:
@@ -54,10 +57,6 @@ public:
     DWORD CalculateSizeOfIndex(int bucket, int firstFile, bool fill, int* lastFile, int dbCount);
     bool AllocateIndexBuffer(int bucket, DWORD size, bool* hasHelper, DWORD* allocSize);
     bool ReadHelperFile(int bucket);
-    // Sorts the entry table's whole records in the order compare() defines.
-    void SortEntryTable(DWORD allocSize);
-    // Frees the entry table (if any) and clears the table fields.
-    void ReleaseIndexBuffer();
 
     // ---- Index file writer and rotation -------------------------------------
     bool WriteAllIndexing(int bucket, DWORD size);
@@ -83,6 +82,9 @@ public:
     char m_DbName[10];
     uint32_t m_SbfOffsets[256];
 
+private:
+    friend struct NxiTestDoor;
+
     // Bookkeeping that keeps the entry table safe when files change between
     // the sizing and the collecting pass: the table's end, and whether a copy
     // had to be refused because it would not fit (the bucket is then given up).
@@ -91,7 +93,11 @@ public:
     // The current database's source files, kept open while it is indexed.
     SourceFiles m_SourceFiles;
 
-private:
+    // Sorts the entry table's whole records in the order compare() defines.
+    void SortEntryTable(DWORD allocSize);
+    // Frees the entry table (if any) and clears the table fields.
+    void ReleaseIndexBuffer();
+
     // Private steps of the public operations. Each reports under the name of
     // the operation it is a step of, passed in as reportAs (see nxilog.h).
 
@@ -103,7 +109,9 @@ private:
     void IndexBucket(int bucket, int lastMergedFile, int dbCount, const char* reportAs);
     void CompleteStatusFile(const char* reportAs);
 
-    // WriteAllIndexing: moves the bucket's pending files into place.
+    // WriteAllIndexing: where a bucket's index files stand under each name, and
+    // the move of the bucket's pending files into place.
+    QString IndexFilePath(nxformat::IndexFile file, nxformat::Generation generation, int bucket) const;
     bool RotateIndexFiles(int bucket, const char* reportAs);
 };
 

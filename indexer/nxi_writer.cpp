@@ -34,12 +34,6 @@ MallocBuffer allocateListBuffer(DWORD size)
     return MallocBuffer(static_cast<unsigned char*>(calloc(size_t(size) + 1, 1)));
 }
 
-// Frees the entry table however the writer ends.
-struct EntryTableRelease {
-    nxi& owner;
-    ~EntryTableRelease() { owner.ReleaseIndexBuffer(); }
-};
-
 struct Chunk {
     const void* data;
     size_t size;
@@ -56,16 +50,6 @@ bool writeChunks(FILE* file, const Chunk (&chunks)[N])
     return fflush(file) == 0;
 }
 
-QString indexFilePath(const nxi& owner, IndexFile file, Generation generation, int bucket)
-{
-    QString name = nxformat::indexFileName(file, generation, bucket);
-    if (file == IndexFile::Entry)
-        return owner.m_HlpPath + "/" + name;
-    if (file == IndexFile::Key && generation == Generation::Pending)
-        return nxformat::indexDirPath(owner.m_HostPath, QString::fromUtf8(owner.m_DbName)) + "/" + name;
-    return owner.m_IdxnDbPath + "/" + name;
-}
-
 void logFwriteFailed(const char* reportAs, const QByteArray& path)
 {
     NXI_ERROR_AS(reportAs, "Error:fwrite failed for the following file- %s", path.constData());
@@ -79,8 +63,9 @@ struct BucketLists {
     Chunk entryTable;
 };
 
-// Writes the key, payload and entry files under their pending names.
-bool writePendingFiles(const nxi& owner, int bucket, const BucketLists& lists, const char* reportAs)
+// Writes the key, payload and entry files under their pending names (in
+// that order in paths).
+bool writePendingFiles(const QString (&paths)[3], const BucketLists& lists, const char* reportAs)
 {
     struct PendingFile {
         IndexFile file;
@@ -93,7 +78,7 @@ bool writePendingFiles(const nxi& owner, int bucket, const BucketLists& lists, c
         {IndexFile::Entry, {lists.entryTable, {}}, "Error:Could not open following file for helper writing- %s"},
     };
     for (const PendingFile& pending : pendingFiles) {
-        QByteArray path = indexFilePath(owner, pending.file, Generation::Pending, bucket).toUtf8();
+        const QByteArray path = paths[int(pending.file)].toUtf8();
         FILE* file = nullptr;
         const Status opened = fileio::openFile(path.constData(), "wb+", &file);
         if (!opened.isOk()) {
@@ -112,10 +97,12 @@ bool writePendingFiles(const nxi& owner, int bucket, const BucketLists& lists, c
 }
 
 // Appends the bucket block (count, group table, key list) to the status file
-// and records its offset in the bucket's slot; a short append is cut off again.
-bool appendBucketBlock(nxi& owner, int bucket, DWORD count, const BucketLists& lists, const char* reportAs)
+// and records its offset in the bucket's slot; a short append is cut off again
+// and clears the slot.
+bool appendBucketBlock(const QString& statusFile, DWORD count, const BucketLists& lists, const char* reportAs,
+                       uint32_t* slot)
 {
-    QByteArray statusPath = owner.m_SbfTmpPath.toUtf8();
+    const QByteArray statusPath = statusFile.toUtf8();
     FILE* status = nullptr;
     const Status opened = fileio::openFile(statusPath.constData(), "ab+", &status);
     if (!opened.isOk()) {
@@ -131,7 +118,7 @@ bool appendBucketBlock(nxi& owner, int bucket, DWORD count, const BucketLists& l
     }
     unsigned char countBytes[nxformat::kBlockCountSize];
     nxformat::writeLE32(countBytes, count);
-    owner.m_SbfOffsets[bucket] = DWORD(blockOffset);
+    *slot = DWORD(blockOffset);
     const Chunk block[] = {{countBytes, sizeof countBytes}, lists.groupTable, lists.keyList};
     bool written = writeChunks(status, block);
     if (!written) {
@@ -139,7 +126,7 @@ bool appendBucketBlock(nxi& owner, int bucket, DWORD count, const BucketLists& l
         // dropped, so the close cannot write it after the cut.
         __fpurge(status);
         (void)!ftruncate(fileno(status), blockOffset);  // should the cut fail, no slot points at the rest
-        owner.m_SbfOffsets[bucket] = 0;
+        *slot = 0;
     }
     written = fclose(status) == 0 && written;
     if (!written) {
@@ -151,9 +138,23 @@ bool appendBucketBlock(nxi& owner, int bucket, DWORD count, const BucketLists& l
 
 } // namespace
 
+QString nxi::IndexFilePath(IndexFile file, Generation generation, int bucket) const
+{
+    QString name = nxformat::indexFileName(file, generation, bucket);
+    if (file == IndexFile::Entry)
+        return m_HlpPath + "/" + name;
+    if (file == IndexFile::Key && generation == Generation::Pending)
+        return nxformat::indexDirPath(m_HostPath, QString::fromUtf8(m_DbName)) + "/" + name;
+    return m_IdxnDbPath + "/" + name;
+}
+
 bool nxi::WriteAllIndexing(int bucket, DWORD size)
 {
-    EntryTableRelease release{*this};
+    // Frees the entry table however the writer ends.
+    struct EntryTableRelease {
+        nxi& owner;
+        ~EntryTableRelease() { owner.ReleaseIndexBuffer(); }
+    } release{*this};
     DWORD count = size / nxformat::kRecordSize;
     size_t tableSize = m_EntryTable ? size_t(m_EntryTableEnd - m_EntryTable) : 0;
     // Positions are 16-bit: a larger bucket (or a size beyond the table) is
@@ -186,9 +187,12 @@ bool nxi::WriteAllIndexing(int bucket, DWORD size)
 
     // The pending files are complete before the block is appended, so that a
     // bucket that fails leaves no partial block behind and its slot stays 0.
-    if (!writePendingFiles(*this, bucket, lists, NXI_OPERATION))
+    const QString pending[3] = {IndexFilePath(IndexFile::Key, Generation::Pending, bucket),
+                                IndexFilePath(IndexFile::Payload, Generation::Pending, bucket),
+                                IndexFilePath(IndexFile::Entry, Generation::Pending, bucket)};
+    if (!writePendingFiles(pending, lists, NXI_OPERATION))
         return false;
-    if (!appendBucketBlock(*this, bucket, count, lists, NXI_OPERATION))
+    if (!appendBucketBlock(m_SbfTmpPath, count, lists, NXI_OPERATION, &m_SbfOffsets[bucket]))
         return false;
     return RotateIndexFiles(bucket, NXI_OPERATION);
 }
@@ -200,19 +204,19 @@ bool nxi::RotateIndexFiles(int bucket, const char* reportAs)
     // failed move puts back the files already moved.
     const IndexFile files[] = {IndexFile::Key, IndexFile::Payload, IndexFile::Entry};
     for (int moving = 0; moving < 3; ++moving) {
-        QString current = indexFilePath(*this, files[moving], Generation::Current, bucket);
-        QString pending = indexFilePath(*this, files[moving], Generation::Pending, bucket);
-        m_CommonFun->MoveFile(current, indexFilePath(*this, files[moving], Generation::Previous, bucket));
+        QString current = IndexFilePath(files[moving], Generation::Current, bucket);
+        QString pending = IndexFilePath(files[moving], Generation::Pending, bucket);
+        m_CommonFun->MoveFile(current, IndexFilePath(files[moving], Generation::Previous, bucket));
         if (!m_CommonFun->MoveFile(pending, current)) {
             NXI_ERROR_AS(reportAs, "Error:MoveFileEx failed for the following file- %s", pending.toUtf8().constData());
             for (int moved = 0; moved < moving; ++moved)
-                m_CommonFun->MoveFile(indexFilePath(*this, files[moved], Generation::Previous, bucket),
-                                      indexFilePath(*this, files[moved], Generation::Current, bucket));
+                m_CommonFun->MoveFile(IndexFilePath(files[moved], Generation::Previous, bucket),
+                                      IndexFilePath(files[moved], Generation::Current, bucket));
             return false;
         }
     }
     for (IndexFile file : files)
-        DeleteFile(indexFilePath(*this, file, Generation::Previous, bucket));
+        DeleteFile(IndexFilePath(file, Generation::Previous, bucket));
     // The new names are on disk before the caller records the bucket's mark,
     // so that a power loss never leaves a mark ahead of its files.
     for (const QString& directory : {m_IdxnDbPath, m_HlpPath}) {

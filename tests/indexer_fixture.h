@@ -3,6 +3,7 @@
 #include "Logger.h"
 #include "indexformat.h"
 #include "nxi.h"
+#include "nxitestdoor.h"
 #include "testsupport.h"
 
 #include <QDir>
@@ -66,7 +67,7 @@ protected:
     {
         allocate(bucket, DWORD(records.size()));
         std::memcpy(m_Indexer.m_EntryTable, records.constData(), size_t(records.size()));
-        m_Indexer.SortEntryTable(DWORD(records.size()));
+        NxiTestDoor::sortEntryTable(m_Indexer, DWORD(records.size()));
         return m_Indexer.WriteAllIndexing(bucket, DWORD(records.size()));
     }
 

@@ -116,12 +116,12 @@ TEST_F(EntryTable, PassesVisitFilesUpToDbCountMinusTwoSkippingMissingAndCorrupt)
     nxtest::writeFile(sourcePath(3), nxtest::readFile(sourcePath(4)));
     allocate(kBucket, DWORD(kept.size()));
     pass(true, 5);
-    EXPECT_TRUE(m_Indexer.m_EntryTableOverflow);
+    EXPECT_TRUE(NxiTestDoor::entryTableOverflowed(m_Indexer));
     EXPECT_EQ(tableBytes(kept.size()), kept.left(16) + QByteArray(64, '\0'));
     QString tooSmall = "Error: Entry table too small for the following file(read buffer) - " + sourcePath(3);
     EXPECT_EQ(takeLog(), skipped + errorLog("ReadIndexBuffer", tooSmall + " (80 bytes, room for 64)"));
     allocate(kBucket, 16);
-    EXPECT_FALSE(m_Indexer.m_EntryTableOverflow);
+    EXPECT_FALSE(NxiTestDoor::entryTableOverflowed(m_Indexer));
 }
 
 // Records with equal keys end in table order: the helper file's, then each
@@ -147,7 +147,7 @@ TEST_F(EntryTable, SortKeepsRecordsWithEqualKeysInTableOrder)
         const DWORD allocSize = allocate(kBucket, 2 * 24 * 16);
         ASSERT_TRUE(m_Indexer.ReadHelperFile(kBucket));
         pass(true, 3);
-        m_Indexer.SortEntryTable(allocSize);
+        NxiTestDoor::sortEntryTable(m_Indexer, allocSize);
         QByteArray expected;
         for (uint32_t key : keys)
             for (int origin = 0; origin < 3; ++origin)
@@ -155,7 +155,7 @@ TEST_F(EntryTable, SortKeepsRecordsWithEqualKeysInTableOrder)
                     if (keyOf(origin, r) == key)
                         expected += records[origin].mid(16 * r, 16);
         EXPECT_EQ(tableBytes(int(allocSize)).toHex().toStdString(), expected.toHex().toStdString()) << keys.back();
-        m_Indexer.ReleaseIndexBuffer();
+        NxiTestDoor::releaseIndexBuffer(m_Indexer);
     }
 }
 
@@ -193,10 +193,10 @@ TEST_F(EntryTable, AllocationCountsTheHelperWhichLoadsAtTheHeadUnlessItChanged)
             EXPECT_EQ(m_Indexer.ReadHelperFile(kBucket), loaded);
             EXPECT_EQ(m_Indexer.m_EntryCursor - m_Indexer.m_EntryTable, loaded ? c.sized & ~15 : 0);
             EXPECT_EQ(tableBytes(loaded ? c.sized : 16), loaded ? letters.left(c.sized) : QByteArray(16, '\0'));
-            EXPECT_EQ(m_Indexer.m_EntryTableOverflow, c.read == 64);
+            EXPECT_EQ(NxiTestDoor::entryTableOverflowed(m_Indexer), c.read == 64);
         }
         EXPECT_EQ(takeLog(), c.log);
-        m_Indexer.ReleaseIndexBuffer();
+        NxiTestDoor::releaseIndexBuffer(m_Indexer);
     }
 }
 

@@ -76,7 +76,7 @@ TEST_F(Writer, HelperRemainderStaysUnsortedInTheEntryFile)
     EXPECT_EQ(allocSize, 56u);
     EXPECT_TRUE(m_Indexer.ReadHelperFile(9));
     std::memcpy(m_Indexer.m_EntryCursor, added.constData(), 16);
-    m_Indexer.SortEntryTable(allocSize);
+    NxiTestDoor::sortEntryTable(m_Indexer, allocSize);
     ASSERT_TRUE(m_Indexer.WriteAllIndexing(9, allocSize));
     EXPECT_EQ(read(IndexFile::Entry, 9), helper.mid(16, 16) + added + helper.left(16) + QByteArray(8, '\0'));
     EXPECT_EQ(read(IndexFile::Key, 9).size(), 3 * 2 + 512);
