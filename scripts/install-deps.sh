@@ -4,14 +4,16 @@
 #   scripts/install-deps.sh          building and testing
 #   scripts/install-deps.sh --fuzz   also clang, libFuzzer and llvm-symbolizer
 #                                    (for the stacks of findings): scripts/fuzz.sh
+#   scripts/install-deps.sh --format clang-format only: scripts/format.sh
 set -euo pipefail
 
 # strace serves the test that watches where a run creates files; dpkg-dev,
 # file and lintian the package test.
 packages=(build-essential cmake qtbase5-dev libgtest-dev dpkg-dev file lintian strace)
-if [ "${1:-}" = "--fuzz" ]; then
-  packages+=(clang libclang-rt-14-dev llvm-14)
-fi
+case "${1:-}" in
+  --fuzz) packages+=(clang libclang-rt-14-dev llvm-14) ;;
+  --format) packages=(clang-format) ;;
+esac
 
 missing=()
 for pkg in "${packages[@]}"; do
