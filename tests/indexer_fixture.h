@@ -4,6 +4,7 @@
 #include "indexformat.h"
 #include "nxi.h"
 #include "nxitestdoor.h"
+#include "sampledb.h"
 #include "testsupport.h"
 
 #include <QDir>
