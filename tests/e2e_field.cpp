@@ -115,12 +115,7 @@ TEST(EndToEndField, HelpVersionAndAnUnopenableLogAreToldOnTheTerminal)
     TempInstall install;
     install.addSample(3, 4);
     const auto before = nxtest::treeOf(install.root(), true);
-    auto run = [&](const QStringList& args) {
-        QProcess process;
-        process.setProcessEnvironment(install.indexerEnvironment());
-        process.start(install.program(), args);
-        return nxtest::finish(process);
-    };
+    auto run = [&](const QStringList& args) { return nxtest::run(install.program(), args, {"LD_PRELOAD=" NXNOPAUSE_PATH}); };
     const Output help = run({"--help"}), version = run({"--version"});
     EXPECT_EQ(help.status, 0);
     EXPECT_TRUE(help.out.startsWith("Usage: nxindexer [--help | --version]\n")) << help.out;
