@@ -1,5 +1,4 @@
-// The file and INI helpers: edge cases, and access that other components' files cannot subvert (no symbolic links,
-// no special files, moves in one step, INI text exactly as QSettings writes it).
+// The file and INI helpers: edge cases, and access that other components' files cannot subvert.
 #include "commonfun.h"
 #include "fileio.h"
 #include "testsupport.h"

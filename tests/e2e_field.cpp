@@ -1,5 +1,4 @@
-// The real nxindexer on an endpoint, where it is not alone: a second run, other users' files and umask,
-// world-writable directories, a log it cannot open, and a caller who asks for help.
+// The real nxindexer where it is not alone: a second run, other users' files, shared directories, no log, --help.
 #include "indexformat.h"
 #include "testsupport.h"
 
@@ -115,7 +114,9 @@ TEST(EndToEndField, HelpVersionAndAnUnopenableLogAreToldOnTheTerminal)
     TempInstall install;
     install.addSample(3, 4);
     const auto before = nxtest::treeOf(install.root(), true);
-    auto run = [&](const QStringList& args) { return nxtest::run(install.program(), args, {"LD_PRELOAD=" NXNOPAUSE_PATH}); };
+    auto run = [&](const QStringList& args) {
+        return nxtest::run(install.program(), args, {"LD_PRELOAD=" NXNOPAUSE_PATH});
+    };
     const Output help = run({"--help"}), version = run({"--version"});
     EXPECT_EQ(help.status, 0);
     EXPECT_TRUE(help.out.startsWith("Usage: nxindexer [--help | --version]\n")) << help.out;

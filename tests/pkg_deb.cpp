@@ -1,6 +1,4 @@
-// The Debian package that cpack makes from this build tree: its files and control fields, its maintainer scripts, an
-// installation unpacked from it that indexes and verifies a sample, its manual pages and units. One test, so that one
-// ctest run makes the package once.
+// The Debian package of this build tree, end to end, in one test so that one ctest run makes the package once.
 #include "testsupport.h"
 
 #include <QDir>
