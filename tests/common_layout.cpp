@@ -24,8 +24,7 @@ TEST(CommonLayout, RootRuleExamples)
         EXPECT_EQ(Common::rootPathForAppDir(row.appDir), QString(row.root)) << row.appDir;
 }
 
-// Runs only in a copy of this executable in <root>/bin under a German locale (whose month names Qt would use),
-// started by the next test.
+// Run by the next test in a copy of this executable in <root>/bin, under a German locale Qt must not use.
 TEST(CommonRelocated, DISABLED_LayoutAndBuildStamp)
 {
     ASSERT_EQ(QLocale::system().language(), QLocale::German);

@@ -1,5 +1,4 @@
-// The real nxindexer on an endpoint, where it is not alone: a second run, other users' files and umask,
-// world-writable directories, a log it cannot open, and a caller who asks for help.
+// The real nxindexer where it is not alone: a second run, other users' files, shared directories, no log, --help.
 #include "indexformat.h"
 #include "testsupport.h"
 
@@ -116,10 +115,7 @@ TEST(EndToEndField, HelpVersionAndAnUnopenableLogAreToldOnTheTerminal)
     install.addSample(3, 4);
     const auto before = nxtest::treeOf(install.root(), true);
     auto run = [&](const QStringList& args) {
-        QProcess process;
-        process.setProcessEnvironment(install.indexerEnvironment());
-        process.start(install.program(), args);
-        return nxtest::finish(process);
+        return nxtest::run(install.program(), args, {"LD_PRELOAD=" NXNOPAUSE_PATH});
     };
     const Output help = run({"--help"}), version = run({"--version"});
     EXPECT_EQ(help.status, 0);

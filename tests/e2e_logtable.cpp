@@ -1,5 +1,4 @@
-// The whole log of representative runs of the real nxindexer, line by line: every report's tag, reporting
-// operation and message, in order. A report names the operation that owns its step, whichever helper made it.
+// The whole log of representative runs, line by line: each report names the operation that owns its step.
 #include "indexformat.h"
 #include "sampledb.h"
 #include "testsupport.h"
@@ -11,8 +10,7 @@
 
 namespace {
 
-// A closed volume wdx00 (files 0 and 3; 1 is missing, 2 is 40 bytes short; DB-COUNT 5) and the newest volume wdx01
-// that holds only its file 0000, so that its run ends at once.
+// A closed wdx00 (files 0 and 3; 1 missing, 2 40 bytes short; DB-COUNT 5) and a newest wdx01 with only file 0000.
 struct Installation : nxtest::TempInstall {
     QVector<QByteArray> files[2] = {nxtest::sampleSourceBuckets(0, 7), nxtest::sampleSourceBuckets(3, 7)};
     QStringList expected;  // the log's lines after the start line, time stamps and error codes removed

@@ -1,5 +1,4 @@
-// The real nxindexer under faults and hostile files: a full disk at each INI save, entries that block a save,
-// symbolic links planted at every name it writes or reads, and the order in which data reaches the disk.
+// The real nxindexer under a full disk, planted entries and links, and the order in which data reaches the disk.
 #include "indexformat.h"
 #include "sampledb.h"
 #include "testsupport.h"
@@ -83,8 +82,7 @@ TEST(EndToEndSafety, EntriesAtTheOldLockNamesDoNotBlockASave)
     EXPECT_TRUE(readFile(db.sizeRecord).contains("wdx00.sbf="));
 }
 
-// The file a planted link points to is never written or read, and a line names each link; links that do not stop
-// the run share one run.
+// A link's target is never written or read and a line names each link; links that do not stop the run share one.
 TEST(EndToEndSafety, SymbolicLinksAreNeverFollowed)
 {
     const QString notOpenable = "Error:Could not open following file for writing- ";

@@ -4,6 +4,7 @@
 #include "indexformat.h"
 #include "nxi.h"
 #include "nxitestdoor.h"
+#include "sampledb.h"
 #include "testsupport.h"
 
 #include <QDir>
@@ -55,11 +56,11 @@ protected:
     }
 
     // Allocates the table for newBytes plus the helper file; returns allocSize.
-    DWORD allocate(int bucket, DWORD newBytes, bool* hasHelper = nullptr)
+    DWORD allocate(int bucket, DWORD newBytes)
     {
         bool helper = false;
         DWORD size = 0;
-        EXPECT_TRUE(m_Indexer.AllocateIndexBuffer(bucket, newBytes, hasHelper ? hasHelper : &helper, &size));
+        EXPECT_TRUE(m_Indexer.AllocateIndexBuffer(bucket, newBytes, &helper, &size));
         return size;
     }
     QByteArray tableBytes(int size) const { return QByteArray(reinterpret_cast<char*>(m_Indexer.m_EntryTable), size); }

@@ -1,5 +1,4 @@
-// The state files that tell a run what to index: DB-COUNT files, the next
-// volume test, the source file count and the helper progress file.
+// The state files that tell a run what to index: DB-COUNT, next volume, source file count, progress marks.
 #include "indexer_fixture.h"
 
 #include <vector>

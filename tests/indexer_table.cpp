@@ -28,12 +28,12 @@ constexpr int kBucket = 7;
 class EntryTable : public IndexerTest
 {
 protected:
-    // The 1,184-byte example: 10 records, bucket starts 2, 2, 5, then 10.
-    static QByteArray example()
+    // The 1,184-byte example: 10 records, bucket starts 2, 2, 5, then 10 (with inBucket2 3).
+    static QByteArray example(uint32_t inBucket2 = 3)
     {
         QVector<QByteArray> buckets(4);
-        for (uint32_t r = 0; r < 10; ++r)
-            buckets[r < 2 ? 0 : r < 5 ? 2 : 3] += nxtest::makeRecord(1000 + r, r);
+        for (uint32_t r = 0; r < 7 + inBucket2; ++r)
+            buckets[r < 2 ? 0 : r < 2 + inBucket2 ? 2 : 3] += nxtest::makeRecord(1000 + r, r);
         return nxformat::buildSourceFile(buckets);
     }
     // GetIndexHighAndLow on file 0 as {low, high}, or {} when it failed.
@@ -65,8 +65,7 @@ TEST_F(EntryTable, RangesOfTheWorkedExampleAndRefusedOnes)
                   corrupt = "Error: Corrupt bucket range in the following file- " + path + " (bucket ";
     auto patched = [](int slot, const char* hex) { return example().replace(4 * slot, 4, QByteArray::fromHex(hex)); };
     ASSERT_EQ(example().size(), 1184);
-    // Bucket 0 never reads bytes 0-3; records past the last start go to
-    // bucket 255, which ends with the last whole record.
+    // Bucket 0 never reads bytes 0-3; bucket 255 ends with the last whole record.
     const QByteArray worked = patched(0, "ffffffff") + nxtest::makeRecord(1, 1) + nxtest::makeRecord(2, 2) + "1234567";
     using Range = std::vector<DWORD>;
     const struct { int bucket; QByteArray file; Range range; QString message; } cases[] = {
@@ -79,8 +78,7 @@ TEST_F(EntryTable, RangesOfTheWorkedExampleAndRefusedOnes)
         {255, patched(255, "f0ffffff"), {}, corrupt + "ff, low 4294967280, high 10)"},
         {1, QByteArray(), {}, "Could not open following db file- " + path + " - code -> 2 "}};  // no file
     for (const auto& c : cases) {
-        // A new file each time: one rewritten in place at the same size within a
-        // tick of the file system's clock would still read as it was.
+        // A new file each time: one rewritten in place within a tick of the clock would read as it was.
         QFile::remove(path);
         if (!c.file.isEmpty())
             nxtest::writeFile(path, c.file);
@@ -124,9 +122,8 @@ TEST_F(EntryTable, PassesVisitFilesUpToDbCountMinusTwoSkippingMissingAndCorrupt)
     EXPECT_FALSE(NxiTestDoor::entryTableOverflowed(m_Indexer));
 }
 
-// Records with equal keys end in table order: the helper file's, then each
-// source file's in file order. So too where keys 2^31 or more apart order by
-// the wrapped difference (2^31 + 1, then 2^31 + 5, then 0).
+// Records with equal keys end in table order (helper file, then source files in order), also where keys 2^31 or
+// more apart order by the wrapped difference (2^31 + 1, then 2^31 + 5, then 0).
 TEST_F(EntryTable, SortKeepsRecordsWithEqualKeysInTableOrder)
 {
     const std::vector<uint32_t> keySets[] = {{0x07000001, 0x07000002, 0x0702FF00, 0x07A10005},
@@ -169,8 +166,7 @@ TEST_F(EntryTable, AllocationCountsTheHelperWhichLoadsAtTheHeadUnlessItChanged)
     };
     const QStringList tooSmall = errorLog("ReadHelperFile", "Error: Entry table too small for the following file(helper "
                                                             "buffer) - " + path + " (64 bytes, room for 48)");
-    // The new bytes; the helper's size when sized and when read (-1: gone by then; -2: a
-    // directory, refused when sizing and not opened when read, and last as it stays).
+    // The new bytes; the helper's size when sized and when read (-1: gone by then; -2: a directory, last as it stays).
     const struct { DWORD size; int sized, read; bool fits; QStringList log; } cases[] = {
         {16, 48, 48, true, {}}, {16, 50, 50, true, {}}, {16, 0, 0, true, {}}, {16, 32, -1, true, {}},
         {16, 32, 64, true, tooSmall}, {65535 * 16, 0, 0, true, {}}, {65535 * 16 - 15, 15 + 15, 30, true, {}},
@@ -202,9 +198,7 @@ TEST_F(EntryTable, AllocationCountsTheHelperWhichLoadsAtTheHeadUnlessItChanged)
 
 } // namespace
 
-// A source file stays open between calls with its start table read once, yet
-// every call reads what a fresh open would: the file rewritten in place,
-// replaced, removed, or a link put in its place.
+// A source file stays open with its start table read once, yet each call reads what a fresh open would.
 TEST_F(EntryTable, KeptSourceFilesFollowWhatThePathNamesNow)
 {
     const QString path = sourcePath(0);
@@ -218,10 +212,7 @@ TEST_F(EntryTable, KeptSourceFilesFollowWhatThePathNamesNow)
         {"link", {}, errorLog("GetIndexHighAndLow", opened.arg(ELOOP))}};  // to a copy, in its place
     for (const auto& step : steps) {
         const QString change = step.change;
-        QVector<QByteArray> buckets(4);
-        for (uint32_t r = 0; r < (change == "rewrite" ? 11u : 10u); ++r)
-            buckets[r < 2 ? 0 : r < (change == "rewrite" ? 6 : 5) ? 2 : 3] += nxtest::makeRecord(1000 + r, r);
-        const QByteArray bytes = nxformat::buildSourceFile(buckets);
+        const QByteArray bytes = example(change == "rewrite" ? 4 : 3);
         if (change == "write") {
             nxtest::writeFile(path, bytes);
         } else if (change == "rewrite") {

@@ -1,5 +1,4 @@
-// ynsample -> nxindexer -> nxinspect: every generated record is found again
-// with its payload; lookup, summary and verify print exactly what is indexed.
+// ynsample -> nxindexer -> nxinspect: every record is found again; lookup, summary and verify print what is indexed.
 #include "nxinspect.h"
 #include "testsupport.h"
 #include "ynsample.h"

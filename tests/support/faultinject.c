@@ -190,53 +190,37 @@ OPEN_WRAPPER(open, (path, flags, mode), const char* path)
 OPEN_WRAPPER(open64, (path, flags, mode), const char* path)
 OPEN_WRAPPER(openat, (dirfd, path, flags, mode), int dirfd, const char* path)
 OPEN_WRAPPER(openat64, (dirfd, path, flags, mode), int dirfd, const char* path)
-FILE* fopen(const char* path, const char* mode)
-{
-    return strpbrk(mode, "wa+") && fault(OPEN, path, NULL) ? NULL : REAL(fopen)(path, mode);
-}
-FILE* fopen64(const char* path, const char* mode)
-{
-    return strpbrk(mode, "wa+") && fault(OPEN, path, NULL) ? NULL : REAL(fopen64)(path, mode);
-}
-
-ssize_t write(int fd, const void* data, size_t size) { return faultFd(WRITE, fd) ? -1 : REAL(write)(fd, data, size); }
-size_t fwrite(const void* data, size_t size, size_t count, FILE* stream)
-{
-    return faultStream(WRITE, stream) ? 0 : REAL(fwrite)(data, size, count, stream);
-}
-ssize_t read(int fd, void* data, size_t size) { return faultFd(READ, fd) ? -1 : REAL(read)(fd, data, size); }
-ssize_t pread(int fd, void* data, size_t size, off_t at)
-{
-    return faultFd(READ, fd) ? -1 : REAL(pread)(fd, data, size, at);
-}
-ssize_t pread64(int fd, void* data, size_t size, off64_t at)
-{
-    return faultFd(READ, fd) ? -1 : REAL(pread64)(fd, data, size, at);
-}
-size_t fread(void* data, size_t size, size_t count, FILE* stream)
-{
-    return faultStream(READ, stream) ? 0 : REAL(fread)(data, size, count, stream);
-}
-
-/* The checked forms that a program built with _FORTIFY_SOURCE calls instead. */
-#define CHECKED(type) ((type)dlsym(RTLD_NEXT, __func__))
-ssize_t __read_chk(int fd, void* data, size_t size, size_t room)
-{
-    return faultFd(READ, fd) ? -1 : CHECKED(ssize_t(*)(int, void*, size_t, size_t))(fd, data, size, room);
-}
-ssize_t __pread64_chk(int fd, void* data, size_t size, off64_t at, size_t room)
-{
-    return faultFd(READ, fd) ? -1 : CHECKED(ssize_t(*)(int, void*, size_t, off64_t, size_t))(fd, data, size, at, room);
-}
-ssize_t __pread_chk(int fd, void* data, size_t size, off_t at, size_t room)
-{
-    return __pread64_chk(fd, data, size, at, room);
-}
-size_t __fread_chk(void* data, size_t room, size_t size, size_t count, FILE* stream)
-{
-    return faultStream(READ, stream)
-               ? 0 : CHECKED(size_t(*)(void*, size_t, size_t, size_t, FILE*))(data, room, size, count, stream);
-}
+/* name(params) returns failed when faulty holds, else what the C library's name returns; the checked forms are the
+ * ones a program built with _FORTIFY_SOURCE calls. */
+#define WRAP(type, name, failed, faulty, params, args) \
+    type name params { return (faulty) ? failed : ((type(*) params)dlsym(RTLD_NEXT, #name)) args; }
+#define OPENS(mode) (strpbrk(mode, "wa+") && fault(OPEN, path, NULL))
+WRAP(FILE*, fopen, NULL, OPENS(mode), (const char* path, const char* mode), (path, mode))
+WRAP(FILE*, fopen64, NULL, OPENS(mode), (const char* path, const char* mode), (path, mode))
+WRAP(ssize_t, write, -1, faultFd(WRITE, fd), (int fd, const void* data, size_t size), (fd, data, size))
+WRAP(size_t, fwrite, 0, faultStream(WRITE, stream), (const void* data, size_t size, size_t count, FILE* stream),
+     (data, size, count, stream))
+WRAP(ssize_t, read, -1, faultFd(READ, fd), (int fd, void* data, size_t size), (fd, data, size))
+WRAP(ssize_t, pread, -1, faultFd(READ, fd), (int fd, void* data, size_t size, off_t at), (fd, data, size, at))
+WRAP(ssize_t, pread64, -1, faultFd(READ, fd), (int fd, void* data, size_t size, off64_t at), (fd, data, size, at))
+WRAP(size_t, fread, 0, faultStream(READ, stream), (void* data, size_t size, size_t count, FILE* stream),
+     (data, size, count, stream))
+WRAP(ssize_t, __read_chk, -1, faultFd(READ, fd), (int fd, void* data, size_t size, size_t room), (fd, data, size, room))
+WRAP(ssize_t, __pread_chk, -1, faultFd(READ, fd), (int fd, void* data, size_t size, off_t at, size_t room),
+     (fd, data, size, at, room))
+WRAP(ssize_t, __pread64_chk, -1, faultFd(READ, fd), (int fd, void* data, size_t size, off64_t at, size_t room),
+     (fd, data, size, at, room))
+WRAP(size_t, __fread_chk, 0, faultStream(READ, stream), (void* data, size_t room, size_t size, size_t count,
+     FILE* stream), (data, room, size, count, stream))
+WRAP(int, rename, -1, fault(RENAME, from, to), (const char* from, const char* to), (from, to))
+WRAP(int, renameat, -1, fault(RENAME, from, to), (int fromDir, const char* from, int toDir, const char* to),
+     (fromDir, from, toDir, to))
+WRAP(int, renameat2, -1, fault(RENAME, from, to),
+     (int fromDir, const char* from, int toDir, const char* to, unsigned flags), (fromDir, from, toDir, to, flags))
+WRAP(int, unlink, -1, fault(UNLINK, path, NULL), (const char* path), (path))
+WRAP(int, unlinkat, -1, fault(UNLINK, path, NULL), (int dirfd, const char* path, int flags), (dirfd, path, flags))
+WRAP(int, remove, -1, fault(UNLINK, path, NULL), (const char* path), (path))
+WRAP(int, fdatasync, -1, faultFd(SYNC, fd), (int fd), (fd))
 
 /* A failing close loses what was still buffered, as a full disk does. */
 int fclose(FILE* stream)
@@ -249,21 +233,6 @@ int fclose(FILE* stream)
     return EOF;
 }
 
-int rename(const char* from, const char* to) { return fault(RENAME, from, to) ? -1 : REAL(rename)(from, to); }
-int renameat(int fromDir, const char* from, int toDir, const char* to)
-{
-    return fault(RENAME, from, to) ? -1 : REAL(renameat)(fromDir, from, toDir, to);
-}
-int renameat2(int fromDir, const char* from, int toDir, const char* to, unsigned flags)
-{
-    return fault(RENAME, from, to) ? -1 : REAL(renameat2)(fromDir, from, toDir, to, flags);
-}
-int unlink(const char* path) { return fault(UNLINK, path, NULL) ? -1 : REAL(unlink)(path); }
-int unlinkat(int dirfd, const char* path, int flags)
-{
-    return fault(UNLINK, path, NULL) ? -1 : REAL(unlinkat)(dirfd, path, flags);
-}
-int remove(const char* path) { return fault(UNLINK, path, NULL) ? -1 : REAL(remove)(path); }
 int mkdir(const char* path, mode_t mode)
 {
     const int result = fault(MKDIR, path, NULL) ? -1 : REAL(mkdir)(path, mode);
@@ -282,4 +251,3 @@ int fsync(int fd)
     }
     return result;
 }
-int fdatasync(int fd) { return faultFd(SYNC, fd) ? -1 : REAL(fdatasync)(fd); }

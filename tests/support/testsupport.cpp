@@ -78,13 +78,23 @@ Output finish(QProcess& process, int timeoutMs)
     return output;
 }
 
-Output run(const QString& program, const QStringList& args, const QStringList& environment)
+QProcessEnvironment environmentWith(const QStringList& variables)
 {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    for (const QString& variable : environment)
-        env.insert(variable.section('=', 0, 0), variable.section('=', 1));
+    for (const QString& variable : variables) {
+        const QString name = variable.section('=', 0, 0), value = variable.section('=', 1), old = env.value(name);
+        env.insert(name, name == "LD_PRELOAD" && !old.isEmpty() ? value + ":" + old : value);
+    }
+    // Under AddressSanitizer the preloaded libraries come before its runtime.
+    const QString asan = env.value("ASAN_OPTIONS");
+    env.insert("ASAN_OPTIONS", asan + (asan.isEmpty() ? "" : ":") + "verify_asan_link_order=0");
+    return env;
+}
+
+Output run(const QString& program, const QStringList& args, const QStringList& environment)
+{
     QProcess process;
-    process.setProcessEnvironment(env);
+    process.setProcessEnvironment(environmentWith(environment));
     process.start(program, args);
     return finish(process);
 }
@@ -110,21 +120,7 @@ int TempInstall::runIndexer(const QStringList& environment, int timeoutMs, bool 
 
 QProcessEnvironment TempInstall::indexerEnvironment(const QStringList& environment, bool withPause) const
 {
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    QString preload = withPause ? QString() : QString(NXNOPAUSE_PATH);
-    for (const QString& variable : environment) {
-        const QString name = variable.section('=', 0, 0), value = variable.section('=', 1);
-        if (name == "LD_PRELOAD")
-            preload = value + (preload.isEmpty() ? "" : ":") + preload;
-        else
-            env.insert(name, value);
-    }
-    if (!preload.isEmpty())
-        env.insert("LD_PRELOAD", preload);
-    // Under AddressSanitizer the preloaded libraries come before its runtime.
-    const QString asan = env.value("ASAN_OPTIONS");
-    env.insert("ASAN_OPTIONS", asan + (asan.isEmpty() ? "" : ":") + "verify_asan_link_order=0");
-    return env;
+    return environmentWith((withPause ? QStringList() : QStringList{"LD_PRELOAD=" NXNOPAUSE_PATH}) + environment);
 }
 
 } // namespace nxtest

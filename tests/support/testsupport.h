@@ -36,7 +36,8 @@ struct Output {
     QString out, err;
 };
 Output finish(QProcess& process, int timeoutMs = 240000);
-// "NAME=value" entries are added to the system environment.
+// The system environment with "NAME=value" entries added, an LD_PRELOAD before the one already there.
+QProcessEnvironment environmentWith(const QStringList& variables);
 Output run(const QString& program, const QStringList& args, const QStringList& environment = {});
 Output runTool(const QString& tool, const QStringList& args);  // a program built beside the tests
 
