@@ -48,7 +48,7 @@ void checkSearch(const nx_bucket& bucket, uint32_t key)
     require(count == 0 || nx_in_range(&bucket, key), "a found key lies outside the bucket's range");
 }
 
-} // namespace
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -90,7 +90,7 @@ static void compare_key_file(checker* c, const nx_span* key_file, uint32_t keys,
     expected_groups(entry, slots);
     for (int group = 0; group < 256; ++group) {
         const uint32_t found = slot_at(key_file, keys, group);
-        if (found != slots[group] && (found == NX_NO_POSITION || found < keys))  /* else reported as EGROUP */
+        if (found != slots[group] && (found == NX_NO_POSITION || found < keys)) /* else reported as EGROUP */
             problem(c, NXINDEX_KEY_FILE, NXINDEX_EMISMATCH, -1, group, found, slots[group]);
     }
 }

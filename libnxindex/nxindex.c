@@ -128,7 +128,10 @@ static int keep_first(void* context, const nxindex_problem* problem)
 }
 
 /* Problems that a rotation in progress shows as well as a damaged bucket. */
-static int may_pass(int error) { return error == NXINDEX_EMISSING || error == NXINDEX_ECOUNT || error == NXINDEX_EMISMATCH; }
+static int may_pass(int error)
+{
+    return error == NXINDEX_EMISSING || error == NXINDEX_ECOUNT || error == NXINDEX_EMISMATCH;
+}
 
 static void pause_ms(long ms)
 {
@@ -179,7 +182,7 @@ static void load_slot(const nxindex* index, int bucket, nx_slot* slot)
     slot->error = read_bucket(index->host, index->db, bucket, slot->files, spans);
     if (slot->error) {
         slot->bucket = claimed_range(&spans[NXINDEX_ENTRY_FILE]);
-        unmap_files(slot->files);  /* what identifies the files stays for refresh */
+        unmap_files(slot->files); /* what identifies the files stays for refresh */
     } else if (slot->files[NXINDEX_ENTRY_FILE].exists) {
         slot->bucket = nx_bucket_of(spans);
     }
@@ -190,7 +193,7 @@ static void load_slot(const nxindex* index, int bucket, nx_slot* slot)
 static void claim_key_range(nxindex* index, int bucket, uint32_t low, uint32_t high)
 {
     const uint64_t bit = (uint64_t)1 << (bucket % 64);
-    if (high - low >= 0xFF000000u) {  /* reaches every value of byte 3 */
+    if (high - low >= 0xFF000000u) { /* reaches every value of byte 3 */
         for (int top = 0; top < 256; ++top)
             index->candidates[top][bucket / 64] |= bit;
         return;
@@ -252,7 +255,7 @@ nxindex* nxindex_open(const char* host, const char* db, int* error)
         *error = ENAMETOOLONG;
         return NULL;
     }
-    if (stat(dir, &st) != 0 || !S_ISDIR(st.st_mode)) {  /* the database was never indexed */
+    if (stat(dir, &st) != 0 || !S_ISDIR(st.st_mode)) { /* the database was never indexed */
         *error = stat(dir, &st) != 0 ? errno : ENOTDIR;
         return NULL;
     }
@@ -347,7 +350,7 @@ int nxindex_refresh(nxindex* index)
         nx_slot fresh;
         load_slot(index, bucket, &fresh);
         if (fresh.error && !slot->error && slot->bucket.count > 0) {
-            unmap_files(fresh.files);  /* keep the sound old generation */
+            unmap_files(fresh.files); /* keep the sound old generation */
             continue;
         }
         unmap_files(slot->files);

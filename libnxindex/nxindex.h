@@ -30,16 +30,16 @@ extern "C" {
 #endif
 
 #define NXINDEX_BUCKETS 256
-#define NXINDEX_RECORD_SIZE 16  /* key (4 bytes, little-endian), then payload */
+#define NXINDEX_RECORD_SIZE 16 /* key (4 bytes, little-endian), then payload */
 #define NXINDEX_PAYLOAD_SIZE 12
 
-#define NXINDEX_EARG (-1)      /* a null pointer, a bad database name or bucket number */
-#define NXINDEX_EMISSING (-2)  /* one of a bucket's files is missing while the others exist */
-#define NXINDEX_EREAD (-3)     /* one of a bucket's files cannot be opened or mapped */
-#define NXINDEX_ESIZE (-4)     /* a file's size does not fit its layout (truncated, too long) */
-#define NXINDEX_EORDER (-5)    /* the entry file's keys are not in ascending order */
-#define NXINDEX_EGROUP (-6)    /* a group table slot points past the key list */
-#define NXINDEX_ECOUNT (-7)    /* the bucket's files hold different numbers of records */
+#define NXINDEX_EARG (-1) /* a null pointer, a bad database name or bucket number */
+#define NXINDEX_EMISSING (-2) /* one of a bucket's files is missing while the others exist */
+#define NXINDEX_EREAD (-3) /* one of a bucket's files cannot be opened or mapped */
+#define NXINDEX_ESIZE (-4) /* a file's size does not fit its layout (truncated, too long) */
+#define NXINDEX_EORDER (-5) /* the entry file's keys are not in ascending order */
+#define NXINDEX_EGROUP (-6) /* a group table slot points past the key list */
+#define NXINDEX_ECOUNT (-7) /* the bucket's files hold different numbers of records */
 #define NXINDEX_EMISMATCH (-8) /* the key or payload file differs from the entry file */
 
 typedef struct nxindex nxindex;
@@ -81,11 +81,11 @@ NXINDEX_API int nxindex_refresh(nxindex* index);
 /* Checking a bucket in detail, for tools such as nxinspect verify. */
 enum { NXINDEX_KEY_FILE, NXINDEX_PAYLOAD_FILE, NXINDEX_ENTRY_FILE };
 typedef struct nxindex_problem {
-    int file;          /* NXINDEX_KEY_FILE, NXINDEX_PAYLOAD_FILE or NXINDEX_ENTRY_FILE */
-    int error;         /* NXINDEX_E... */
-    long position;     /* record position, or -1 */
-    int group;         /* group table slot, or -1 */
-    uint64_t found;    /* what the file holds: key, slot, size, count; errno for NXINDEX_EREAD */
+    int file; /* NXINDEX_KEY_FILE, NXINDEX_PAYLOAD_FILE or NXINDEX_ENTRY_FILE */
+    int error; /* NXINDEX_E... */
+    long position; /* record position, or -1 */
+    int group; /* group table slot, or -1 */
+    uint64_t found; /* what the file holds: key, slot, size, count; errno for NXINDEX_EREAD */
     uint64_t expected; /* what the entry file says it should hold (0 when unknown) */
 } nxindex_problem;
 /* Returns non-zero to stop the check. */
@@ -94,8 +94,7 @@ typedef int (*nxindex_report)(void* context, const nxindex_problem* problem);
 /* Reads the bucket's three files as nxindex_open() does and reports every
  * problem, in file order. Returns the number reported (0 also for a bucket
  * without files) or NXINDEX_EARG. */
-NXINDEX_API long nxindex_check(const char* host, const char* db, int bucket, nxindex_report report,
-                               void* context);
+NXINDEX_API long nxindex_check(const char* host, const char* db, int bucket, nxindex_report report, void* context);
 
 #ifdef __cplusplus
 }

@@ -16,10 +16,7 @@ namespace {
 
 using Index = std::unique_ptr<nxindex, decltype(&nxindex_close)>;
 
-Index openIndex(const QString& host)
-{
-    return Index(nxindex_open(qPrintable(host), "wdx00", nullptr), nxindex_close);
-}
+Index openIndex(const QString& host) { return Index(nxindex_open(qPrintable(host), "wdx00", nullptr), nxindex_close); }
 
 // A key's answer as one text: the count, then the payloads.
 QByteArray answer(nxindex* index, uint32_t key)
@@ -95,7 +92,8 @@ TEST(IndexLive, LookupsDuringARotationSeeTheOldOrTheNewIndex)
     // Without a helper file to carry the old records, the new index holds file 2 only: in every bucket keys
     // 0-3 go, 4 and 5 get new payloads, 6 and 7 appear.
     EXPECT_EQ(changed, NXINDEX_BUCKETS * 8);
-    EXPECT_GE(taken, NXINDEX_BUCKETS / 2) << "the loop saw too few rotations to tell anything (" << rounds << " rounds)";
+    EXPECT_GE(taken, NXINDEX_BUCKETS / 2)
+        << "the loop saw too few rotations to tell anything (" << rounds << " rounds)";
 }
 
-} // namespace
+}  // namespace

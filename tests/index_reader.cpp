@@ -19,7 +19,11 @@ using Index = std::unique_ptr<nxindex, decltype(&nxindex_close)>;
 
 const QString kDb = "wdx00";
 
-uint32_t le32(const QByteArray& bytes) { return uint32_t(bytes[0] & 0xFF) | uint32_t(bytes[1] & 0xFF) << 8 | uint32_t(bytes[2] & 0xFF) << 16 | uint32_t(bytes[3] & 0xFF) << 24; }
+uint32_t le32(const QByteArray& bytes)
+{
+    return uint32_t(bytes[0] & 0xFF) | uint32_t(bytes[1] & 0xFF) << 8 | uint32_t(bytes[2] & 0xFF) << 16 |
+           uint32_t(bytes[3] & 0xFF) << 24;
+}
 
 QString filePath(const QString& host, int bucket, const char* suffix)
 {
@@ -32,11 +36,13 @@ QString filePath(const QString& host, int bucket, const char* suffix)
 void writeBucket(const QString& host, int bucket, const QByteArray& records, int renames = 3)
 {
     const nxtest::ExpectedBucket files = nxtest::expectedBucket(records);
-    const std::pair<const char*, QByteArray> parts[] = {{"m", files.keyFile}, {"d", files.payloadFile}, {"hl", files.entryFile}};
+    const std::pair<const char*, QByteArray> parts[] = {
+        {"m", files.keyFile}, {"d", files.payloadFile}, {"hl", files.entryFile}};
     for (const auto& part : parts)
         nxtest::writeFile(filePath(host, bucket, part.first) + "new", part.second);
     for (int i = 0; i < renames; ++i)
-        ::rename(qPrintable(filePath(host, bucket, parts[i].first) + "new"), qPrintable(filePath(host, bucket, parts[i].first)));
+        ::rename(qPrintable(filePath(host, bucket, parts[i].first) + "new"),
+                 qPrintable(filePath(host, bucket, parts[i].first)));
 }
 
 Index openIndex(const QString& host)
@@ -112,13 +118,22 @@ TEST(IndexReader, EachDamageFailsLookupsInItsBucketOnly)
         return records;
     };
     auto replace = [](QByteArray bytes, int at, char value) { return bytes.replace(at, 1, &value, 1); };
-    const struct { const char* name; const char* file; std::function<QByteArray(const QByteArray&)> damage; int error; bool rangeKept; } damages[] = {
-        {"entry file cut inside a record", "hl", [](const QByteArray& b) { return b.left(b.size() - 8); }, NXINDEX_ECOUNT, true},
+    const struct {
+        const char* name;
+        const char* file;
+        std::function<QByteArray(const QByteArray&)> damage;
+        int error;
+        bool rangeKept;
+    } damages[] = {
+        {"entry file cut inside a record", "hl", [](const QByteArray& b) { return b.left(b.size() - 8); },
+         NXINDEX_ECOUNT, true},
         {"entry file empty", "hl", [](const QByteArray&) { return QByteArray(); }, NXINDEX_ESIZE, false},
-        {"entry keys out of order", "hl", [](const QByteArray& b) { return b.mid(16, 16) + b.left(16) + b.mid(32); }, NXINDEX_EORDER, true},
+        {"entry keys out of order", "hl", [](const QByteArray& b) { return b.mid(16, 16) + b.left(16) + b.mid(32); },
+         NXINDEX_EORDER, true},
         {"key file one byte short", "m", [](const QByteArray& b) { return b.left(b.size() - 1); }, NXINDEX_ESIZE, true},
         {"key file one key short", "m", [](const QByteArray& b) { return b.mid(2); }, NXINDEX_ECOUNT, true},
-        {"group slot past the keys", "m", [&](const QByteArray& b) { return replace(b, 12 + 2 * 0x00, 9); }, NXINDEX_EGROUP, true},
+        {"group slot past the keys", "m", [&](const QByteArray& b) { return replace(b, 12 + 2 * 0x00, 9); },
+         NXINDEX_EGROUP, true},
         {"key differs", "m", [&](const QByteArray& b) { return replace(b, 4, 0x55); }, NXINDEX_EMISMATCH, true},
         {"payload file cut", "d", [](const QByteArray& b) { return b.left(b.size() - 5); }, NXINDEX_ESIZE, true},
         {"payload differs", "d", [&](const QByteArray& b) { return replace(b, 30, 0x55); }, NXINDEX_EMISMATCH, true},
@@ -151,10 +166,13 @@ TEST(IndexReader, EachDamageFailsLookupsInItsBucketOnly)
         EXPECT_EQ(first, 3u);
         // nxindex_check names the damage first.
         int reported = 0;
-        nxindex_check(qPrintable(install.host()), "wdx00", damaged, [](void* c, const nxindex_problem* p) {
-            *static_cast<int*>(c) = p->error;
-            return 1;
-        }, &reported);
+        nxindex_check(
+            qPrintable(install.host()), "wdx00", damaged,
+            [](void* c, const nxindex_problem* p) {
+                *static_cast<int*>(c) = p->error;
+                return 1;
+            },
+            &reported);
         EXPECT_EQ(reported, d.error);
     }
 }
@@ -165,7 +183,8 @@ TEST(IndexReader, RefreshTakesInARotatedBucketOnlyOnceItsThreeFilesAgree)
     const uint32_t key = 0x05000100;
     writeBucket(install.host(), 5, nxtest::makeRecord(key, 1));
     Index index = openIndex(install.host());
-    const QByteArray newRecords = nxtest::makeRecord(key, 2) + nxtest::makeRecord(key, 3) + nxtest::makeRecord(key + 1, 4);
+    const QByteArray newRecords =
+        nxtest::makeRecord(key, 2) + nxtest::makeRecord(key, 3) + nxtest::makeRecord(key + 1, 4);
     const QByteArrayList oldAnswer{nxtest::makeRecord(key, 1).mid(4).toHex()};
     const QByteArrayList newAnswer{newRecords.mid(4, 12).toHex(), newRecords.mid(20, 12).toHex()};
     long count = 0;
@@ -179,4 +198,4 @@ TEST(IndexReader, RefreshTakesInARotatedBucketOnlyOnceItsThreeFilesAgree)
     EXPECT_EQ(nxindex_records(index.get()), 3);
 }
 
-} // namespace
+}  // namespace

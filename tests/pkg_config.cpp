@@ -29,7 +29,8 @@ int main(int argc, char** argv)
 }
 )";
 
-QString run(const QString& program, const QStringList& args, const QProcessEnvironment& env = QProcessEnvironment::systemEnvironment())
+QString run(const QString& program, const QStringList& args,
+            const QProcessEnvironment& env = QProcessEnvironment::systemEnvironment())
 {
     QProcess process;
     process.setProcessEnvironment(env);
@@ -65,4 +66,4 @@ TEST(PkgConfig, ConsumerBuiltWithPkgConfigFindsIndexedRecords)
     EXPECT_EQ(run(consumer, {install.host(), "wdx00", "2a0b0c0c"}), "0");
 }
 
-} // namespace
+}  // namespace

@@ -31,4 +31,4 @@ Status lookup(const nxindex* index, uint32_t key, QVector<Match>* matches)
     return Status::ok();
 }
 
-} // namespace nxinspect
+}  // namespace nxinspect

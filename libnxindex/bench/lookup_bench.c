@@ -56,12 +56,12 @@ int main(int argc, char** argv)
             present[n] = (uint32_t)records[16 * i] | (uint32_t)records[16 * i + 1] << 8 |
                          (uint32_t)records[16 * i + 2] << 16 | (uint32_t)records[16 * i + 3] << 24;
     }
-    while (absent && a < n) {  /* keys in the same ranges that the index does not hold */
+    while (absent && a < n) { /* keys in the same ranges that the index does not hold */
         const uint32_t key = present[next_random() % n] ^ (next_random() & 0xFFFF);
         if (nxindex_lookup(index, key, NULL, 0) == 0)
             absent[a++] = key;
     }
-    for (size_t i = n; i > 1; --i) {  /* random order, so that the caches do not help */
+    for (size_t i = n; i > 1; --i) { /* random order, so that the caches do not help */
         const size_t j = next_random() % i;
         const uint32_t t = present[i - 1];
         present[i - 1] = present[j], present[j] = t;
