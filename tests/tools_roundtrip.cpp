@@ -79,7 +79,7 @@ TEST(ToolsRoundTrip, EveryGeneratedRecordIsFoundAndVerifyNamesEachDamage)
         writeFile(path, damaged);  // a missing file is created empty
 
         nxtest::ToolRun run = runTool("nxinspect", {"verify", install.root()});
-        EXPECT_EQ(run.exitCode, 1);
+        EXPECT_EQ(run.exitCode, 1) << qPrintable(run.err);
         const QStringList lines = run.out.split('\n');
         const int n = damage.expected.size();
         EXPECT_EQ(lines[0], QString("wdx00: %1 violation%2").arg(n).arg(n > 1 ? "s" : ""));
