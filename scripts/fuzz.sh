@@ -5,7 +5,8 @@
 # never modified. Prints the executions of every target and every finding.
 #   scripts/fuzz.sh [SECONDS [TARGET...]]
 #     SECONDS  fuzzing time per target (default 60)
-#     TARGET   bucket_range, progress_file, ini_int, bucket_write (default all)
+#     TARGET   bucket_range, progress_file, ini_int, bucket_write, index_bucket
+#              (default all)
 #   NXI_FUZZ_JOBS  targets run side by side (default: the number of CPUs)
 # Exit status 1 when any target crashed, leaked, timed out or ran out of
 # memory; its reproducer is copied to build-fuzz/fuzz-findings/<target>/.
@@ -18,7 +19,7 @@ if [ $# -gt 0 ]; then shift; fi
 case "$seconds" in
   '' | *[!0-9]*) echo "usage: $0 [SECONDS [TARGET...]]" >&2; exit 2 ;;
 esac
-all_targets=(bucket_range progress_file ini_int bucket_write)
+all_targets=(bucket_range progress_file ini_int bucket_write index_bucket)
 targets=("$@")
 [ ${#targets[@]} -eq 0 ] && targets=("${all_targets[@]}")
 for target in "${targets[@]}"; do
@@ -29,7 +30,7 @@ jobs=${NXI_FUZZ_JOBS:-$(nproc 2>/dev/null || echo 2)}
 # Inputs larger than a few source file heads add time, not coverage.
 max_len() {
   case "$1" in
-    bucket_range | bucket_write) echo 8192 ;;
+    bucket_range | bucket_write | index_bucket) echo 8192 ;;
     *) echo 4096 ;;
   esac
 }

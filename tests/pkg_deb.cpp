@@ -27,23 +27,48 @@ TEST(PkgDeb, PackageInstallsIndexesAndKeepsData)
     ASSERT_EQ(run("dpkg-deb", {"-x", deb, tmp + "/x"}).status, 0);
     ASSERT_EQ(run("dpkg-deb", {"-e", deb, tmp + "/control"}).status, 0);
 
-    QStringList entries;  // "mode owner path" of every entry
-    for (const QString& line : run("dpkg-deb", {"-c", deb}).out.split('\n', Qt::SkipEmptyParts)) {
-        QStringList f = line.split(' ', Qt::SkipEmptyParts);
-        entries << f.value(0) + " " + f.value(1) + " " + f.value(5);
-    }
-    const QString d = "drwxr-xr-x root/root ./", x = "-rwxr-xr-x root/root ./", r = "-rw-r--r-- root/root ./";
+    // "mode owner path" of every entry of a package.
+    auto entriesOf = [&](const QString& package) {
+        QStringList entries;
+        for (const QString& line : run("dpkg-deb", {"-c", package}).out.split('\n', Qt::SkipEmptyParts)) {
+            QStringList f = line.split(' ', Qt::SkipEmptyParts);
+            entries << f.value(0) + " " + f.value(1) + " " + f.value(5);
+        }
+        return entries.join('\n');
+    };
+    const QString d = "drwxr-xr-x root/root ./", x = "-rwxr-xr-x root/root ./", r = "-rw-r--r-- root/root ./",
+                  l = "lrwxrwxrwx root/root ./";
     const QStringList expected = {d + "lib/", d + "lib/systemd/", d + "lib/systemd/system/",
         r + "lib/systemd/system/nxindexer.service", r + "lib/systemd/system/nxindexer.timer", d + "usr/",
-        d + "usr/bin/", "lrwxrwxrwx root/root ./usr/bin/nxinspect", d + "usr/lib/", d + "usr/lib/TalvexSuite/",
+        d + "usr/bin/", l + "usr/bin/nxinspect", d + "usr/lib/", d + "usr/lib/TalvexSuite/",
         d + "usr/lib/TalvexSuite/bin/", x + "usr/lib/TalvexSuite/bin/nxindexer",
-        x + "usr/lib/TalvexSuite/bin/nxinspect", d + "usr/share/", d + "usr/share/doc/", d + "usr/share/doc/nxindexer/",
+        x + "usr/lib/TalvexSuite/bin/nxinspect", d + "usr/lib/TalvexSuite/lib/",
+        l + "usr/lib/TalvexSuite/lib/libnxindex.so.1", r + "usr/lib/TalvexSuite/lib/libnxindex.so.1.0.0",
+        d + "usr/share/", d + "usr/share/doc/", d + "usr/share/doc/nxindexer/",
         r + "usr/share/doc/nxindexer/changelog.gz", r + "usr/share/doc/nxindexer/copyright", d + "usr/share/man/",
         d + "usr/share/man/man1/", r + "usr/share/man/man1/nxinspect.1.gz", d + "usr/share/man/man8/",
         r + "usr/share/man/man8/nxindexer.8.gz"};
-    EXPECT_EQ(entries.join('\n'), expected.join('\n'));
+    EXPECT_EQ(entriesOf(deb), expected.join('\n'));
+    // The development package: header, static library, link and pkg-config file under the root, and a link
+    // from the system's pkg-config directory to the latter.
+    const QString dev = QString(deb).replace("/nxindexer_", "/nxindexer-dev_"),
+                  pcDir = "usr/lib/" + QFileInfo(QString::fromLocal8Bit(NXPKG_PKGCONFIG_LINK_DIR)).dir().dirName() + "/";
+    const QStringList expectedDev = {d + "usr/", d + "usr/lib/", d + "usr/lib/TalvexSuite/",
+        d + "usr/lib/TalvexSuite/include/", r + "usr/lib/TalvexSuite/include/nxindex.h", d + "usr/lib/TalvexSuite/lib/",
+        r + "usr/lib/TalvexSuite/lib/libnxindex.a", l + "usr/lib/TalvexSuite/lib/libnxindex.so",
+        d + "usr/lib/TalvexSuite/lib/pkgconfig/", r + "usr/lib/TalvexSuite/lib/pkgconfig/nxindex.pc", d + pcDir,
+        d + pcDir + "pkgconfig/", l + pcDir + "pkgconfig/nxindex.pc", d + "usr/share/", d + "usr/share/doc/",
+        d + "usr/share/doc/nxindexer-dev/", r + "usr/share/doc/nxindexer-dev/changelog.gz",
+        r + "usr/share/doc/nxindexer-dev/copyright"};
+    EXPECT_EQ(entriesOf(dev), expectedDev.join('\n'));
+    ASSERT_EQ(run("dpkg-deb", {"-x", dev, tmp + "/x"}).status, 0);
+    EXPECT_EQ(QFile::symLinkTarget(tmp + "/x/" + pcDir + "pkgconfig/nxindex.pc"),
+              tmp + "/x" + fixedRoot + "/lib/pkgconfig/nxindex.pc");
+    EXPECT_TRUE(nxtest::readFile(tmp + "/x" + fixedRoot + "/lib/pkgconfig/nxindex.pc").startsWith("prefix=" + fixedRoot.toUtf8() + "\n"));
+    EXPECT_EQ(run("dpkg-deb", {"-f", dev, "Package", "Depends", "Section"}).out,
+              "Package: nxindexer-dev\nDepends: nxindexer (= " NXPKG_VERSION ")\nSection: libdevel\n");
     EXPECT_EQ(QFile::symLinkTarget(tmp + "/x/usr/bin/nxinspect"), tmp + "/x" + fixedRoot + "/bin/nxinspect");
-    Output linted = run("lintian", {"--allow-root", "--fail-on", "error,warning", deb});
+    Output linted = run("lintian", {"--allow-root", "--fail-on", "error,warning", deb, dev});
     EXPECT_EQ(linted.status, 0) << linted.out << linted.err;
     EXPECT_EQ(run("dpkg-deb", {"-f", deb, "Package", "Version", "Section", "Maintainer"}).out,
               "Package: nxindexer\nVersion: " NXPKG_VERSION "\nSection: admin\n"

@@ -3,18 +3,22 @@
 
 // Reading a database's index the way a consuming component does: finding
 // the indexed databases, checking every invariant that ties their files
-// together, looking records up by key and summarising what is there. All
-// layouts come from indexformat.h; nothing here writes a file.
+// together, looking records up by key and summarising what is there. The
+// key, payload and entry files are read through libnxindex, the status file
+// and the INI files through indexformat.h; nothing here writes a file.
 
 #include <QByteArray>
+#include <QJsonObject>
 #include <QString>
 #include <QStringList>
 #include <QVector>
 
 #include "indexformat.h"
+#include "nxindex.h"
 #include "status.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 
 namespace nxinspect {
@@ -37,20 +41,39 @@ QString indexFilePath(const QString& host, const QString& db, nxformat::IndexFil
 constexpr qint64 kMaxReadSize = qint64(1) << 30;
 Status readWholeFile(const QString& path, QByteArray* bytes);
 
+// A database's index as libnxindex reads it: each bucket's key, payload and
+// entry files, mapped and checked against each other.
+struct IndexCloser {
+    void operator()(nxindex* index) const { nxindex_close(index); }
+};
+using Index = std::unique_ptr<nxindex, IndexCloser>;
+Status openIndex(const QString& host, const QString& db, Index* index);
+
 // One broken invariant: which file, which bucket (-1 for none), where in it
-// ("position 12", "group slot 07", "head slot 3f", ...) and what is wrong.
+// ("position 12", "group slot 07", "head slot 3f", ...) and what is wrong;
+// position is the record position where there is one, else -1.
 struct Violation {
     QString file;  // relative to the DB host directory
     int bucket = -1;
     QString where;
     QString problem;
+    qint64 position = -1;
     QString text() const;
+};
+// What verify found in one database: its indexed buckets (sound or not), the
+// records of the sound ones, and the violations.
+struct Verification {
+    QString db;
+    int buckets = 0;
+    qint64 records = 0;
+    QVector<Violation> violations;
 };
 // Checks one database: each bucket's key, payload and entry files against
 // each other (counts, keys, group table, payloads, sorted order), the status
-// file's head and blocks against the key files, the SBF size record, and
+// file's head and blocks against the entry files, the SBF size record, and
 // that no pending or previous file is left behind.
-QVector<Violation> verifyDatabase(const QString& host, const QString& db);
+Verification verifyDatabase(const QString& host, const QString& db);
+QJsonObject toJson(const Verification& verification);
 
 // One record found by lookup.
 struct Match {
@@ -59,45 +82,16 @@ struct Match {
     uint32_t key = 0;
     QByteArray payload;  // 12 bytes
 };
-
-// Looks keys up in one database. A record lies in the bucket of the source
-// file bucket it came from, which a key alone does not tell, so every bucket
-// is searched: the group table gives the range of the key's group byte and a
-// binary search of the key list finds the low 16 bits. The key file holds no
-// byte 3; the entry file's first and last records give the byte 3 that all
-// of a bucket's keys share (a bucket whose keys do not share it is scanned
-// record by record in its entry file). Key files are read once and kept.
-class IndexReader
-{
-public:
-    IndexReader(const QString& host, const QString& db);
-    // Every record with key; not ok when an index file cannot be read or
-    // the files of a bucket disagree (EBADMSG).
-    Status lookup(uint32_t key, QVector<Match>* matches);
-
-private:
-    struct Bucket {
-        bool loaded = false;
-        bool present = false;
-        QVector<uint16_t> keys;
-        QVector<uint16_t> groupTable;
-        int sharedTopByte = -1;  // -1: the bucket's keys differ in byte 3
-    };
-    Status load(int bucket);
-    Status findInBucket(int bucket, uint32_t key, QVector<int>* positions);
-    Status readPayload(int bucket, int position, QByteArray* payload);
-    QString currentPath(nxformat::IndexFile file, int bucket) const;
-
-    QString m_Host;
-    QString m_Db;
-    QVector<Bucket> m_Buckets;
-};
+// Every record with key, bucket by bucket; not ok (EBADMSG) when a damaged
+// bucket may hold the key.
+Status lookup(const nxindex* index, uint32_t key, QVector<Match>* matches);
 
 // What the summary shows of one database.
 struct DatabaseSummary {
     QString db;
-    int buckets = 0;  // buckets with a key file
-    uint64_t records = 0;
+    int buckets = 0;  // buckets with index files
+    uint64_t records = 0;  // in the buckets whose files are sound
+    int damagedBuckets = 0;
     uint64_t keyBytes = 0, payloadBytes = 0, entryBytes = 0;
     bool hasStatusFile = false;
     uint64_t statusBytes = 0;
@@ -110,6 +104,7 @@ struct DatabaseSummary {
 };
 DatabaseSummary summarizeDatabase(const QString& host, const QString& db);
 QString formatSummary(const DatabaseSummary& summary);
+QJsonObject toJson(const DatabaseSummary& summary);
 
 } // namespace nxinspect
 

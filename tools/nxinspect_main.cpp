@@ -6,6 +6,8 @@
 
 #include <QCoreApplication>
 #include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
 
 #include <cstdio>
 
@@ -20,8 +22,8 @@ constexpr int kError = 2;     // bad arguments, unreadable or missing files
 constexpr int kShownViolations = 100;
 
 const char kUsage[] =
-    "usage: nxinspect summary [ROOT]\n"
-    "       nxinspect verify [ROOT]\n"
+    "usage: nxinspect summary [--json] [ROOT]\n"
+    "       nxinspect verify [--json] [ROOT]\n"
     "       nxinspect lookup DB KEY [ROOT]\n"
     "\n"
     "  summary  per database: buckets and records indexed, index file sizes,\n"
@@ -32,6 +34,10 @@ const char kUsage[] =
     "  lookup   prints every record of database DB (such as wdx00) whose key is\n"
     "           KEY, a 32-bit hexadecimal number (3f07a1c2 or 0x3f07a1c2), with\n"
     "           its payload; exits with 1 when there is none\n"
+    "\n"
+    "  --json   prints one JSON object instead: {\"databases\": [...]}, each\n"
+    "           database with its name, buckets and records (and for verify\n"
+    "           every violation with file, bucket, position, where, problem)\n"
     "\n"
     "ROOT is an installation root (its DB host directory is ROOT/db/txhost); by\n"
     "default the root this nxinspect is installed in. Exit status 2 means bad\n"
@@ -61,18 +67,42 @@ std::optional<uint32_t> parseKey(QString text)
     return key;
 }
 
-int runSummary(const QString& host, const QStringList& databases)
+void printJson(const QJsonArray& databases, const char* countName = nullptr, int count = 0)
 {
-    for (int i = 0; i < databases.size(); ++i)
-        printf("%s%s\n", i ? "\n" : "", qPrintable(nxinspect::formatSummary(nxinspect::summarizeDatabase(host, databases[i]))));
+    QJsonObject all{{"databases", databases}};
+    if (countName)
+        all.insert(countName, count);
+    printf("%s", QJsonDocument(all).toJson(QJsonDocument::Indented).constData());
+}
+
+int runSummary(const QString& host, const QStringList& databases, bool json)
+{
+    QJsonArray objects;
+    for (int i = 0; i < databases.size(); ++i) {
+        const nxinspect::DatabaseSummary summary = nxinspect::summarizeDatabase(host, databases[i]);
+        if (json)
+            objects.append(nxinspect::toJson(summary));
+        else
+            printf("%s%s\n", i ? "\n" : "", qPrintable(nxinspect::formatSummary(summary)));
+    }
+    if (json)
+        printJson(objects);
     return kOk;
 }
 
-int runVerify(const QString& host, const QStringList& databases)
+int runVerify(const QString& host, const QStringList& databases, bool json)
 {
     int violations = 0, brokenDatabases = 0;
+    QJsonArray objects;
     for (const QString& db : databases) {
-        QVector<nxinspect::Violation> found = nxinspect::verifyDatabase(host, db);
+        const nxinspect::Verification verification = nxinspect::verifyDatabase(host, db);
+        const QVector<nxinspect::Violation>& found = verification.violations;
+        violations += found.size();
+        brokenDatabases += found.isEmpty() ? 0 : 1;
+        if (json) {
+            objects.append(nxinspect::toJson(verification));
+            continue;
+        }
         if (found.isEmpty()) {
             printf("%s: ok\n", qPrintable(db));
             continue;
@@ -82,21 +112,23 @@ int runVerify(const QString& host, const QStringList& databases)
             printf("  %s\n", qPrintable(found[i].text()));
         if (found.size() > kShownViolations)
             printf("  ... and %d more\n", int(found.size()) - kShownViolations);
-        violations += found.size();
-        ++brokenDatabases;
     }
-    if (violations == 0) {
+    if (json)
+        printJson(objects, "violations", violations);
+    else if (violations == 0)
         printf("verify: %d databases, no violations\n", int(databases.size()));
-        return kOk;
-    }
-    printf("verify: %d violations in %d of %d databases\n", violations, brokenDatabases, int(databases.size()));
-    return kFindings;
+    else
+        printf("verify: %d violations in %d of %d databases\n", violations, brokenDatabases, int(databases.size()));
+    return violations == 0 ? kOk : kFindings;
 }
 
 int runLookup(const QString& host, const QString& db, uint32_t key)
 {
     QVector<nxinspect::Match> matches;
-    const Status found = nxinspect::IndexReader(host, db).lookup(key, &matches);
+    nxinspect::Index index;
+    Status found = nxinspect::openIndex(host, db, &index);
+    if (found.isOk())
+        found = nxinspect::lookup(index.get(), key, &matches);
     if (!found.isOk())
         return fail(found.code() == EBADMSG ? found.what() : found.toString());
     for (const nxinspect::Match& match : matches)
@@ -125,6 +157,7 @@ int main(int argc, char** argv)
     bool lookup = command == "lookup";
     if (command != "summary" && command != "verify" && !lookup)
         return fail("unknown command '" + command + "' (summary, verify or lookup)");
+    const bool json = !lookup && args.removeAll("--json") > 0;
     QString db;
     std::optional<uint32_t> key;
     if (lookup) {
@@ -153,5 +186,5 @@ int main(int argc, char** argv)
         fprintf(stderr, "nxinspect: no indexed database under %s\n", qPrintable(host));
         return kFindings;
     }
-    return command == "verify" ? runVerify(host, databases) : runSummary(host, databases);
+    return command == "verify" ? runVerify(host, databases, json) : runSummary(host, databases, json);
 }

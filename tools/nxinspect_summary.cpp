@@ -20,16 +20,18 @@ uint64_t sizeOf(const QString& path) { return uint64_t(QFileInfo(path).size()); 
 
 void addIndexFiles(const QString& host, DatabaseSummary* summary)
 {
+    Index index;
+    if (!openIndex(host, summary->db, &index).isOk())
+        return;
     for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket) {
-        QString keyPath = indexFilePath(host, summary->db, IndexFile::Key, Generation::Current, bucket);
-        if (!QFileInfo::exists(keyPath))
+        const unsigned char* records = nullptr;
+        const long count = nxindex_bucket(index.get(), bucket, &records);
+        if (count == 0)
             continue;
         ++summary->buckets;
-        summary->keyBytes += sizeOf(keyPath);
-        QByteArray bytes;
-        if (readWholeFile(keyPath, &bytes).isOk())
-            if (std::optional<nxformat::KeyFile> keyFile = nxformat::parseKeyFile(bytes))
-                summary->records += uint64_t(keyFile->keys.size());
+        summary->records += count > 0 ? uint64_t(count) : 0;
+        summary->damagedBuckets += count < 0 ? 1 : 0;
+        summary->keyBytes += sizeOf(indexFilePath(host, summary->db, IndexFile::Key, Generation::Current, bucket));
         summary->payloadBytes += sizeOf(indexFilePath(host, summary->db, IndexFile::Payload, Generation::Current, bucket));
         summary->entryBytes += sizeOf(indexFilePath(host, summary->db, IndexFile::Entry, Generation::Current, bucket));
     }
@@ -101,7 +103,8 @@ DatabaseSummary summarizeDatabase(const QString& host, const QString& db)
 QString formatSummary(const DatabaseSummary& s)
 {
     QStringList lines{s.db};
-    lines << QString("  buckets written  %1 of 256, %2 records").arg(s.buckets).arg(s.records);
+    lines << QString("  buckets written  %1 of 256, %2 records").arg(s.buckets).arg(s.records) +
+                 (s.damagedBuckets ? QString(", %1 damaged (nxinspect verify tells more)").arg(s.damagedBuckets) : QString());
     lines << QString("  index files      key %1, payload %2, entry %3")
                  .arg(sizeText(s.keyBytes), sizeText(s.payloadBytes), sizeText(s.entryBytes));
     lines << (s.hasStatusFile ? QString("  status file      %1.sbf, %2, %3 blocks")
@@ -116,6 +119,27 @@ QString formatSummary(const DatabaseSummary& s)
                          "bucket without a mark")
                      .arg(s.marksRead);
     return lines.join('\n');
+}
+
+QJsonObject toJson(const DatabaseSummary& s)
+{
+    const auto orNull = [](bool present, const QJsonValue& value) { return present ? value : QJsonValue(); };
+    return QJsonObject{
+        {"name", s.db},
+        {"buckets", s.buckets},
+        {"records", qint64(s.records)},
+        {"damaged_buckets", s.damagedBuckets},
+        {"bytes", QJsonObject{{"key", qint64(s.keyBytes)}, {"payload", qint64(s.payloadBytes)}, {"entry", qint64(s.entryBytes)}}},
+        {"status_file", orNull(s.hasStatusFile, QJsonObject{{"bytes", qint64(s.statusBytes)}, {"blocks", s.blocks}})},
+        {"size_record", orNull(!s.sizeRecord.isEmpty(),
+                               QJsonObject{{"value", s.sizeRecord},
+                                           {"matches", s.hasStatusFile && s.sizeRecordBytes &&
+                                                           qint64(*s.sizeRecordBytes) == qint64(s.statusBytes)}})},
+        {"progress_marks", QJsonObject{{"buckets", s.markedBuckets},
+                                       {"lowest", orNull(s.markedBuckets > 0, s.lowestMark)},
+                                       {"highest", orNull(s.markedBuckets > 0, s.highestMark)},
+                                       {"read_next_run", s.marksRead}}},
+    };
 }
 
 } // namespace nxinspect

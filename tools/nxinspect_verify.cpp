@@ -1,12 +1,15 @@
 // The checks of `nxinspect verify`. A bucket's entry file is the reference:
-// the writer's own conversion (nxformat::splitSortedTable) derives from it
-// what the key file, the payload file and the bucket's status block must hold.
+// libnxindex checks the key and payload files against it, and the writer's
+// own conversion (nxformat::splitSortedTable) derives from it what the
+// bucket's status block must hold.
 #include "nxinspect.h"
 
 #include "commonfun.h"
 
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonArray>
+#include <QSet>
 
 #include <cstring>
 
@@ -26,37 +29,72 @@ QString positionText(int position) { return QString("position %1").arg(position)
 QString slotText(int group) { return QString::asprintf("group slot %02x", group); }
 QString slotValue(uint16_t value) { return value == nxformat::kNoPosition ? "none" : QString::number(value); }
 
-// What a bucket's other files must hold, derived from its entry file.
+// What a sound bucket's status block must hold, made from its entry file by
+// the writer's own conversion.
 struct Expected {
     QString entryFile;  // relative to the DB host directory, for the messages
     DWORD count = 0;
     QByteArray keyList;
-    QByteArray payloadList;
     QByteArray groupTable;
     uint16_t key(int position) const { return nxformat::readLE16(bytesOf(keyList) + nxformat::kKeySize * position); }
     uint16_t slot(int group) const { return nxformat::readLE16(bytesOf(groupTable) + 2 * group); }
 };
 
+const IndexFile kLibraryFiles[] = {IndexFile::Key, IndexFile::Payload, IndexFile::Entry};  // by NXINDEX_..._FILE
+
+// What a problem that libnxindex reports means, in words.
+QString problemText(const nxindex_problem& p, const QString& entryFile)
+{
+    const qulonglong found = p.found, expected = p.expected;
+    const auto sizeText = [&] {
+        return expected ? QString("size %1, expected %2 for the %3 records of %4")
+                              .arg(found).arg(expected).arg(expected / NXINDEX_PAYLOAD_SIZE).arg(entryFile)
+                        : QString("size %1 is not 12 x count").arg(found);
+    };
+    switch (p.error) {
+    case NXINDEX_EMISSING: return "missing, while the bucket's other index files exist";
+    case NXINDEX_EREAD: return QString("cannot be read: ") + strerror(int(found));
+    case NXINDEX_EORDER: return QString::asprintf("key 0x%08llx is out of order after 0x%08llx", found, expected);
+    case NXINDEX_EGROUP: return QString("holds %1, past the key list of %2 keys").arg(found).arg(expected);
+    case NXINDEX_ESIZE:
+        if (p.file == NXINDEX_ENTRY_FILE)
+            return QString("holds %1 records; a bucket holds 1 to %2").arg(found).arg(nxformat::kMaxBucketRecords);
+        return p.file == NXINDEX_KEY_FILE ? QString("size %1 is not 2 x count + 512").arg(found) : sizeText();
+    case NXINDEX_ECOUNT:
+        return p.file == NXINDEX_KEY_FILE ? QString("holds %1 keys, %2 holds %3 records").arg(found).arg(entryFile).arg(expected)
+                                          : sizeText();
+    default:  // NXINDEX_EMISMATCH
+        if (p.group >= 0)
+            return QString("holds %1, the group's first position in %2 is %3")
+                .arg(slotValue(uint16_t(found)), entryFile, slotValue(uint16_t(expected)));
+        return p.file == NXINDEX_KEY_FILE
+                   ? QString::asprintf("key 0x%04llx, %s has 0x%04llx", found, qPrintable(entryFile), expected)
+                   : "payload differs from the record in " + entryFile;
+    }
+}
+
 class DatabaseVerifier
 {
 public:
-    DatabaseVerifier(const QString& host, const QString& db) : m_Host(host), m_Db(db) {}
+    DatabaseVerifier(const QString& host, const QString& db) : m_Host(host), m_Db(db) { m_Result.db = db; }
 
-    QVector<Violation> run()
+    Verification run()
     {
-        QVector<std::optional<nxformat::KeyFile>> keyFiles(nxformat::kBucketCount);
-        for (int bucket = 0; bucket < nxformat::kBucketCount; ++bucket)
-            keyFiles[bucket] = verifyBucket(bucket);
-        verifyStatusFile(keyFiles);
+        QVector<std::optional<Expected>> expected(nxformat::kBucketCount);
+        Index index;
+        const Status opened = openIndex(m_Host, m_Db, &index);
+        for (int bucket = 0; opened.isOk() && bucket < nxformat::kBucketCount; ++bucket)
+            expected[bucket] = verifyBucket(index.get(), bucket);
+        verifyStatusFile(expected);
         verifySizeRecord();
         verifyNothingLeftBehind();
-        return m_Found;
+        return m_Result;
     }
 
 private:
-    void report(const QString& path, int bucket, const QString& where, const QString& problem)
+    void report(const QString& path, int bucket, const QString& where, const QString& problem, qint64 position = -1)
     {
-        m_Found.append({QDir(m_Host).relativeFilePath(path), bucket, where, problem});
+        m_Result.violations.append({QDir(m_Host).relativeFilePath(path), bucket, where, problem, position});
     }
 
     bool read(const QString& path, int bucket, QByteArray* bytes)
@@ -72,120 +110,54 @@ private:
         return indexFilePath(m_Host, m_Db, file, Generation::Current, bucket);
     }
 
-    // Checks the bucket's three files; returns its key file for the check
-    // of the bucket's status block.
-    std::optional<nxformat::KeyFile> verifyBucket(int bucket)
+    // A sound bucket gives what its status block must hold; a damaged one
+    // is checked in detail by the library, every problem a violation.
+    std::optional<Expected> verifyBucket(const nxindex* index, int bucket)
     {
-        const QString paths[] = {current(IndexFile::Key, bucket), current(IndexFile::Payload, bucket),
-                                 current(IndexFile::Entry, bucket)};
-        int present = 0;
-        for (const QString& path : paths)
-            present += QFileInfo::exists(path) ? 1 : 0;
-        if (present == 0)
-            return std::nullopt;
-        for (const QString& path : paths)
-            if (!QFileInfo::exists(path))
-                report(path, bucket, QString(), "missing, while the bucket's other index files exist");
-
-        std::optional<Expected> expected;
-        if (QFileInfo::exists(paths[2]))
-            expected = verifyEntryFile(bucket, paths[2]);
-        if (expected && QFileInfo::exists(paths[1]))
-            verifyPayloadFile(bucket, paths[1], *expected);
-        if (!QFileInfo::exists(paths[0]))
-            return std::nullopt;
-        return verifyKeyFile(bucket, paths[0], expected);
+        const unsigned char* records = nullptr;
+        const long count = nxindex_bucket(index, bucket, &records);
+        if (count != 0)
+            ++m_Result.buckets;
+        if (count > 0) {
+            m_Result.records += count;
+            Expected expected{QDir(m_Host).relativeFilePath(current(IndexFile::Entry, bucket)), DWORD(count),
+                              QByteArray(int(nxformat::kKeySize * count), '\0'),
+                              QByteArray(int(nxformat::kGroupTableSize), '\0')};
+            QByteArray payloads(int(nxformat::payloadFileSize(DWORD(count))), '\0');
+            nxformat::splitSortedTable(records, DWORD(count), reinterpret_cast<unsigned char*>(expected.keyList.data()),
+                                       reinterpret_cast<unsigned char*>(payloads.data()),
+                                       reinterpret_cast<unsigned char*>(expected.groupTable.data()));
+            return expected;
+        }
+        if (count < 0) {
+            m_Damaged << bucket;
+            m_Bucket = bucket;
+            nxindex_check(m_Host.toUtf8().constData(), m_Db.toUtf8().constData(), bucket, &reportProblem, this);
+        }
+        return std::nullopt;
     }
 
-    std::optional<Expected> verifyEntryFile(int bucket, const QString& path)
+    static int reportProblem(void* context, const nxindex_problem* problem)
     {
-        QByteArray bytes;
-        if (!read(path, bucket, &bytes))
-            return std::nullopt;
-        Expected expected;
-        expected.entryFile = QDir(m_Host).relativeFilePath(path);
-        expected.count = DWORD(bytes.size()) / nxformat::kRecordSize;
-        if (expected.count == 0 || expected.count > nxformat::kMaxBucketRecords) {
-            report(path, bucket, QString(),
-                   QString("holds %1 records; a bucket holds 1 to %2").arg(expected.count).arg(nxformat::kMaxBucketRecords));
-            return std::nullopt;
-        }
-        const unsigned char* records = bytesOf(bytes);
-        for (DWORD i = 1; i < expected.count; ++i) {
-            uint32_t before = nxformat::recordKey(records + (i - 1) * nxformat::kRecordSize);
-            uint32_t key = nxformat::recordKey(records + i * nxformat::kRecordSize);
-            if (nxformat::compareKeys(before, key) > 0)
-                report(path, bucket, positionText(int(i)),
-                       QString::asprintf("key 0x%08x is out of order after 0x%08x", key, before));
-        }
-        expected.keyList = QByteArray(int(nxformat::kKeySize * expected.count), '\0');
-        expected.payloadList = QByteArray(int(nxformat::payloadFileSize(expected.count)), '\0');
-        expected.groupTable = QByteArray(int(nxformat::kGroupTableSize), '\0');
-        nxformat::splitSortedTable(records, expected.count, reinterpret_cast<unsigned char*>(expected.keyList.data()),
-                                   reinterpret_cast<unsigned char*>(expected.payloadList.data()),
-                                   reinterpret_cast<unsigned char*>(expected.groupTable.data()));
-        return expected;
-    }
-
-    std::optional<nxformat::KeyFile> verifyKeyFile(int bucket, const QString& path,
-                                                   const std::optional<Expected>& expected)
-    {
-        QByteArray bytes;
-        if (!read(path, bucket, &bytes))
-            return std::nullopt;
-        std::optional<nxformat::KeyFile> keyFile = nxformat::parseKeyFile(bytes);
-        if (!keyFile) {
-            report(path, bucket, QString(), QString("size %1 is not 2 x count + 512").arg(bytes.size()));
-            return std::nullopt;
-        }
-        if (!expected)
-            return keyFile;
-        if (DWORD(keyFile->keys.size()) != expected->count)
-            report(path, bucket, QString(),
-                   QString("holds %1 keys, %2 holds %3 records")
-                       .arg(keyFile->keys.size()).arg(expected->entryFile).arg(expected->count));
-        else
-            for (int i = 0; i < keyFile->keys.size(); ++i)
-                if (keyFile->keys[i] != expected->key(i))
-                    report(path, bucket, positionText(i),
-                           QString::asprintf("key 0x%04x, %s has 0x%04x", keyFile->keys[i],
-                                             qPrintable(expected->entryFile), expected->key(i)));
-        for (int group = 0; group < nxformat::kBucketCount; ++group)
-            if (keyFile->groupTable[group] != expected->slot(group))
-                report(path, bucket, slotText(group),
-                       QString("holds %1, the group's first position in %2 is %3")
-                           .arg(slotValue(keyFile->groupTable[group]), expected->entryFile,
-                                slotValue(expected->slot(group))));
-        return keyFile;
-    }
-
-    void verifyPayloadFile(int bucket, const QString& path, const Expected& expected)
-    {
-        QByteArray bytes;
-        if (!read(path, bucket, &bytes))
-            return;
-        if (DWORD(bytes.size()) != nxformat::payloadFileSize(expected.count)) {
-            report(path, bucket, QString(),
-                   QString("size %1, expected %2 for the %3 records of %4")
-                       .arg(bytes.size()).arg(nxformat::payloadFileSize(expected.count)).arg(expected.count)
-                       .arg(expected.entryFile));
-            return;
-        }
-        for (DWORD i = 0; i < expected.count; ++i) {
-            DWORD offset = i * nxformat::kPayloadSize;
-            if (memcmp(bytes.constData() + offset, expected.payloadList.constData() + offset, nxformat::kPayloadSize) != 0)
-                report(path, bucket, positionText(int(i)), "payload differs from the record in " + expected.entryFile);
-        }
+        auto* self = static_cast<DatabaseVerifier*>(context);
+        const int bucket = self->m_Bucket;
+        const QString entryFile = QDir(self->m_Host).relativeFilePath(self->current(IndexFile::Entry, bucket));
+        const QString where = problem->position >= 0 ? positionText(int(problem->position))
+                              : problem->group >= 0  ? slotText(problem->group)
+                                                     : QString();
+        self->report(self->current(kLibraryFiles[problem->file], bucket), bucket, where,
+                     problemText(*problem, entryFile), problem->position);
+        return 0;
     }
 
     // The head must name, in bucket order, exactly the blocks that follow
     // each other from byte 1024 to the end of the file.
-    void verifyStatusFile(const QVector<std::optional<nxformat::KeyFile>>& keyFiles)
+    void verifyStatusFile(const QVector<std::optional<Expected>>& expected)
     {
         QString path = nxformat::statusFilePath(m_Host, m_Db);
         if (!QFileInfo::exists(path)) {
-            for (const std::optional<nxformat::KeyFile>& keyFile : keyFiles)
-                if (keyFile) {
+            for (const std::optional<Expected>& bucket : expected)
+                if (bucket) {
                     report(path, -1, QString(), "missing, while the database has index files");
                     break;
                 }
@@ -218,7 +190,7 @@ private:
                 report(path, bucket, where, QString("the block at %1 is out of bucket order").arg(offset));
             claimed[index] = true;
             lastClaimed = std::max(lastClaimed, index);
-            verifyBlock(path, bucket, *nxformat::parseBucketBlock(bytes, offset), keyFiles[bucket]);
+            verifyBlock(path, bucket, *nxformat::parseBucketBlock(bytes, offset), expected[bucket]);
         }
         for (int i = 0; i < starts.size(); ++i)
             if (!claimed[i])
@@ -243,25 +215,28 @@ private:
     }
 
     void verifyBlock(const QString& path, int bucket, const nxformat::BucketBlock& block,
-                     const std::optional<nxformat::KeyFile>& keyFile)
+                     const std::optional<Expected>& expected)
     {
-        if (!keyFile) {
-            report(path, bucket, "block", "the bucket has no readable key file");
+        if (m_Damaged.contains(bucket))
+            return;  // its index files are reported already
+        if (!expected) {
+            report(path, bucket, "block", "the bucket has no index files");
             return;
         }
-        if (int(block.count) != keyFile->keys.size())
+        if (block.count != expected->count)
             report(path, bucket, "block",
-                   QString("holds %1 keys, the key file %2").arg(block.count).arg(keyFile->keys.size()));
+                   QString("holds %1 keys, %2 holds %3 records").arg(block.count).arg(expected->entryFile).arg(expected->count));
         else
-            for (int i = 0; i < keyFile->keys.size(); ++i)
-                if (block.keys[i] != keyFile->keys[i])
+            for (int i = 0; i < int(block.count); ++i)
+                if (block.keys[i] != expected->key(i))
                     report(path, bucket, "block " + positionText(i),
-                           QString::asprintf("key 0x%04x, the key file has 0x%04x", block.keys[i], keyFile->keys[i]));
+                           QString::asprintf("key 0x%04x, %s has 0x%04x", block.keys[i], qPrintable(expected->entryFile),
+                                             expected->key(i)), i);
         for (int group = 0; group < nxformat::kBucketCount; ++group)
-            if (block.groupTable[group] != keyFile->groupTable[group])
+            if (block.groupTable[group] != expected->slot(group))
                 report(path, bucket, "block " + slotText(group),
-                       QString("holds %1, the key file %2")
-                           .arg(slotValue(block.groupTable[group]), slotValue(keyFile->groupTable[group])));
+                       QString("holds %1, the group's first position in %2 is %3")
+                           .arg(slotValue(block.groupTable[group]), expected->entryFile, slotValue(expected->slot(group))));
     }
 
     void verifySizeRecord()
@@ -307,14 +282,31 @@ private:
 
     QString m_Host;
     QString m_Db;
-    QVector<Violation> m_Found;
+    Verification m_Result;
+    int m_Bucket = -1;      // the bucket being checked
+    QSet<int> m_Damaged;  // buckets whose files the library refused
 };
 
 } // namespace
 
-QVector<Violation> verifyDatabase(const QString& host, const QString& db)
+Verification verifyDatabase(const QString& host, const QString& db)
 {
     return DatabaseVerifier(host, db).run();
+}
+
+QJsonObject toJson(const Verification& verification)
+{
+    QJsonArray violations;
+    for (const Violation& v : verification.violations)
+        violations.append(QJsonObject{{"file", v.file},
+                                      {"bucket", v.bucket >= 0 ? QJsonValue(v.bucket) : QJsonValue()},
+                                      {"position", v.position >= 0 ? QJsonValue(v.position) : QJsonValue()},
+                                      {"where", v.where},
+                                      {"problem", v.problem}});
+    return QJsonObject{{"name", verification.db},
+                       {"buckets", verification.buckets},
+                       {"records", verification.records},
+                       {"violations", violations}};
 }
 
 } // namespace nxinspect
