@@ -27,6 +27,13 @@ int openFlags(const char* mode, bool* truncate)
     }
 }
 
+bool sameTime(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
+
+FileIdentity identityFrom(const struct stat& info)
+{
+    return {info.st_dev, info.st_ino, info.st_size, info.st_mtim, info.st_ctim};
+}
+
 // errno for an entry that is not a regular file.
 int specialEntryError(mode_t mode) { return S_ISLNK(mode) ? ELOOP : S_ISDIR(mode) ? EISDIR : EINVAL; }
 
@@ -174,22 +181,40 @@ Status readAll(const QString& path, qint64 maxSize, QByteArray* contents)
     return status;
 }
 
-Status replaceContents(const QString& path, const QByteArray& bytes)
+bool operator==(const FileIdentity& a, const FileIdentity& b)
 {
-    const QByteArray target = path.toUtf8();
-    struct stat info;
-    if (::lstat(target.constData(), &info) == 0) {
-        if (!S_ISREG(info.st_mode))
-            return Status::error(specialEntryError(info.st_mode), named("replace (not a regular file)", target));
-    } else if (errno != ENOENT) {
-        return Status::fromErrno(named("lstat", target));
-    }
+    return a.device == b.device && a.inode == b.inode && a.size == b.size && sameTime(a.modified, b.modified) &&
+           sameTime(a.changed, b.changed);
+}
 
+Status identityOf(const QString& path, FileIdentity* identity)
+{
+    const QByteArray name = path.toUtf8();
+    struct stat info;
+    if (::lstat(name.constData(), &info) != 0)
+        return Status::fromErrno(named("lstat", name));
+    if (!S_ISREG(info.st_mode))
+        return Status::error(specialEntryError(info.st_mode), named("use (not a regular file)", name));
+    *identity = identityFrom(info);
+    return Status::ok();
+}
+
+Status replaceContents(const QString& path, const QByteArray& bytes, FileIdentity* written)
+{
+    FileIdentity present;
+    const Status looked = identityOf(path, &present);
+    if (!looked.isOk() && looked.code() != ENOENT)
+        return looked;  // not a regular file, or no look possible
+    return replaceRegularFile(path, bytes, written);
+}
+
+Status replaceRegularFile(const QString& path, const QByteArray& bytes, FileIdentity* written)
+{
     // The new file beside the old one has one fixed name: whatever a killed
     // save left there (or a link planted there) is removed first, so nothing
     // piles up and nothing is written through a link. It never inherits the
     // old file's mode or owner.
-    const QByteArray sibling = target + ".new";
+    const QByteArray target = path.toUtf8(), sibling = target + ".new";
     ::unlink(sibling.constData());
     const int fd = ::open(sibling.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode);
     if (fd < 0)
@@ -198,10 +223,14 @@ Status replaceContents(const QString& path, const QByteArray& bytes)
                                                   : Status::fromErrno(named("fchmod", sibling));
     if (status.isOk() && ::fdatasync(fd) != 0)
         status = Status::fromErrno(named("fdatasync", sibling));
-    if (::close(fd) != 0 && status.isOk())
-        status = Status::fromErrno(named("close", sibling));
     if (status.isOk() && ::rename(sibling.constData(), target.constData()) != 0)
         status = Status::fromErrno(named("rename", sibling));
+    // The rename changed the file's change time: its identity is taken after it.
+    struct stat info;
+    if (status.isOk() && written)
+        *written = ::fstat(fd, &info) == 0 ? identityFrom(info) : FileIdentity();
+    if (::close(fd) != 0 && status.isOk())
+        status = Status::fromErrno(named("close", sibling));
     if (!status.isOk())
         ::unlink(sibling.constData());
     return status;

@@ -34,13 +34,20 @@ bool isPlainValue(const QByteArray& value)
 
 QByteArray format(const Text& sections)
 {
+    int size = 0;
+    for (auto section = sections.cbegin(); section != sections.cend(); ++section) {
+        size += section.key().size() + 4;
+        for (auto key = section->cbegin(); key != section->cend(); ++key)
+            size += key.key().size() + key.value().size() + 2;
+    }
     QByteArray text;
+    text.reserve(size);
     for (auto section = sections.cbegin(); section != sections.cend(); ++section) {
         if (!text.isEmpty())
             text += '\n';
-        text += '[' + section.key() + "]\n";
+        text.append('[').append(section.key()).append("]\n");
         for (auto key = section->cbegin(); key != section->cend(); ++key)
-            text += key.key() + '=' + key.value() + '\n';
+            text.append(key.key()).append('=').append(key.value()).append('\n');
     }
     return text;
 }
