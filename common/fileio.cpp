@@ -45,7 +45,7 @@ Status failedClosing(int fd, const char* action, const QByteArray& path)
     return status;
 }
 
-Status writeAll(int fd, const char* data, size_t size, const QByteArray& path)
+Status writeAllTo(int fd, const char* data, size_t size, const QByteArray& path)
 {
     while (size > 0) {
         const ssize_t written = ::write(fd, data, size);
@@ -79,7 +79,11 @@ Status openRegular(const QByteArray& path, int flags, int* fd, struct stat* info
 
 // A file that another user owns, or that has other names, is not truncated
 // and reused: it is removed and a new file of the program's own is made.
-bool isOwnFile(const struct stat& info) { return info.st_uid == ::geteuid() && info.st_nlink == 1; }
+bool isOwnFile(const struct stat& info)
+{
+    static const uid_t user = ::geteuid();  // the program never changes it
+    return info.st_uid == user && info.st_nlink == 1;
+}
 
 Status replaceByOwnFile(int* fd, const QByteArray& path, int flags, struct stat* info)
 {
@@ -100,28 +104,39 @@ bool fixMode(int fd, const struct stat& info, bool truncate)
 
 }  // namespace
 
-Status openFile(const char* path, const char* mode, FILE** file)
+Status openDescriptor(const char* path, const char* mode, int* fd, qint64* size)
 {
-    *file = nullptr;
+    *fd = -1;
     const QByteArray name(path);
     bool truncate = false;
     const int flags = openFlags(mode, &truncate);
     if (flags < 0)
         return Status::error(EINVAL, named("open (bad mode)", name));
-    int fd = -1;
     struct stat info;
-    Status status = openRegular(name, flags, &fd, &info);
+    Status status = openRegular(name, flags, fd, &info);
     if (status.isOk() && truncate && !isOwnFile(info))
-        status = replaceByOwnFile(&fd, name, flags, &info);
+        status = replaceByOwnFile(fd, name, flags, &info);
     if (!status.isOk())
         return status;
     const bool writes = (flags & (O_WRONLY | O_RDWR)) != 0;
-    if (writes && !fixMode(fd, info, truncate))
-        return failedClosing(fd, "fchmod", name);
-    if (truncate && info.st_size != 0 && ::ftruncate(fd, 0) != 0)
-        return failedClosing(fd, "ftruncate", name);
+    if (writes && !fixMode(*fd, info, truncate))
+        return failedClosing(*fd, "fchmod", name);
+    if (truncate && info.st_size != 0 && ::ftruncate(*fd, 0) != 0)
+        return failedClosing(*fd, "ftruncate", name);
+    *size = truncate ? 0 : info.st_size;
+    return Status::ok();
+}
+
+Status openFile(const char* path, const char* mode, FILE** file)
+{
+    *file = nullptr;
+    int fd = -1;
+    qint64 size = 0;
+    const Status status = openDescriptor(path, mode, &fd, &size);
+    if (!status.isOk())
+        return status;
     *file = ::fdopen(fd, mode);
-    return *file ? Status::ok() : failedClosing(fd, "fdopen", name);
+    return *file ? Status::ok() : failedClosing(fd, "fdopen", QByteArray(path));
 }
 
 Status syncFile(FILE* file)
@@ -129,6 +144,11 @@ Status syncFile(FILE* file)
     if (std::fflush(file) != 0)
         return Status::fromErrno("write (flush)");
     return ::fdatasync(fileno(file)) == 0 ? Status::ok() : Status::fromErrno("fdatasync");
+}
+
+Status writeAll(int fd, const void* data, size_t size)
+{
+    return writeAllTo(fd, static_cast<const char*>(data), size, "(descriptor)");
 }
 
 Status openForReading(const char* path, int* fd, qint64* size)
@@ -219,7 +239,7 @@ Status replaceRegularFile(const QString& path, const QByteArray& bytes, FileIden
     const int fd = ::open(sibling.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode);
     if (fd < 0)
         return Status::fromErrno(named("open", sibling));
-    Status status = ::fchmod(fd, kFileMode) == 0 ? writeAll(fd, bytes.constData(), size_t(bytes.size()), sibling)
+    Status status = ::fchmod(fd, kFileMode) == 0 ? writeAllTo(fd, bytes.constData(), size_t(bytes.size()), sibling)
                                                   : Status::fromErrno(named("fchmod", sibling));
     if (status.isOk() && ::fdatasync(fd) != 0)
         status = Status::fromErrno(named("fdatasync", sibling));
@@ -242,7 +262,7 @@ Status writeNewFile(const QString& path, const QByteArray& bytes)
     const int fd = ::open(name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0)
         return Status::fromErrno(named("open", name));
-    Status status = writeAll(fd, bytes.constData(), size_t(bytes.size()), name);
+    Status status = writeAllTo(fd, bytes.constData(), size_t(bytes.size()), name);
     if (::close(fd) != 0 && status.isOk())
         status = Status::fromErrno(named("close", name));
     return status;

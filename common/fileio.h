@@ -43,8 +43,13 @@ constexpr mode_t kDirectoryMode = 0755;
 // more than it when added to; one to be truncated that another user owns or
 // that has other names is replaced by a new file.
 Status openFile(const char* path, const char* mode, FILE** file);
+// openFile without the stream: the descriptor in *fd and the file's size
+// after the open in *size, for a writer that writes whole buffers itself.
+Status openDescriptor(const char* path, const char* mode, int* fd, qint64* size);
 // Flushes the stream and puts its data on disk.
 Status syncFile(FILE* file);
+// write(2) until every byte is written; ENOSPC when the file takes no more.
+Status writeAll(int fd, const void* data, size_t size);
 
 // open(2) for reading with the refusals of openFile: the descriptor in *fd,
 // the file's size in *size.

@@ -14,7 +14,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <stdio_ext.h>
 #include <memory>
 #include <unistd.h>
 
@@ -28,10 +27,13 @@ struct FreeDeleter {
 };
 using MallocBuffer = std::unique_ptr<unsigned char, FreeDeleter>;
 
-// Zero-filled, one byte longer than asked.
+// One byte longer than asked, that byte zero; the conversion fills the rest.
 MallocBuffer allocateListBuffer(DWORD size)
 {
-    return MallocBuffer(static_cast<unsigned char*>(calloc(size_t(size) + 1, 1)));
+    MallocBuffer buffer(static_cast<unsigned char*>(malloc(size_t(size) + 1)));
+    if (buffer)
+        buffer.get()[size] = 0;
+    return buffer;
 }
 
 // Frees the entry table however the writer ends.
@@ -44,17 +46,6 @@ struct Chunk {
     const void* data;
     size_t size;
 };
-
-// Writes the chunks in order, each as one item, and flushes them; false
-// after a short write.
-template <size_t N>
-bool writeChunks(FILE* file, const Chunk (&chunks)[N])
-{
-    for (const Chunk& chunk : chunks)
-        if (chunk.size > 0 && fwrite(chunk.data, chunk.size, 1, file) != 1)
-            return false;
-    return fflush(file) == 0;
-}
 
 QString indexFilePath(const nxi& owner, IndexFile file, Generation generation, int bucket)
 {
@@ -71,39 +62,48 @@ void logFwriteFailed(const char* reportAs, const QByteArray& path)
     NXI_ERROR_AS(reportAs, "Error:fwrite failed for the following file- %s", path.constData());
 }
 
-// The bucket's lists, converted from its sorted table.
+// The bucket's lists, converted from its sorted table. The bucket block
+// (count, group table, key list) and the key file (key list, group table)
+// each lie in one piece of the same buffer, so that each is one write.
 struct BucketLists {
-    Chunk keyList;
+    Chunk block;
+    Chunk keyFile;
     Chunk payloadList;
-    Chunk groupTable;
     Chunk entryTable;
 };
+
+// Writes bytes to fd and closes it, having put them on disk first when sync
+// is set; false after a short write or a failed sync or close.
+bool writeAndClose(int fd, const Chunk& bytes, bool sync)
+{
+    bool written = fileio::writeAll(fd, bytes.data, bytes.size).isOk() && (!sync || ::fdatasync(fd) == 0);
+    return ::close(fd) == 0 && written;
+}
 
 // Writes the key, payload and entry files under their pending names.
 bool writePendingFiles(const nxi& owner, int bucket, const BucketLists& lists, const char* reportAs)
 {
     struct PendingFile {
         IndexFile file;
-        Chunk chunks[2];
+        Chunk bytes;
         const char* openFailedMessage;
     };
     const PendingFile pendingFiles[] = {
-        {IndexFile::Key, {lists.keyList, lists.groupTable}, "Error:Could not open following file for writing- %s"},
-        {IndexFile::Payload, {lists.payloadList, {}}, "Error:Could not open following file for writing- %s"},
-        {IndexFile::Entry, {lists.entryTable, {}}, "Error:Could not open following file for helper writing- %s"},
+        {IndexFile::Key, lists.keyFile, "Error:Could not open following file for writing- %s"},
+        {IndexFile::Payload, lists.payloadList, "Error:Could not open following file for writing- %s"},
+        {IndexFile::Entry, lists.entryTable, "Error:Could not open following file for helper writing- %s"},
     };
     for (const PendingFile& pending : pendingFiles) {
         QByteArray path = indexFilePath(owner, pending.file, Generation::Pending, bucket).toUtf8();
-        FILE* file = nullptr;
-        const Status opened = fileio::openFile(path.constData(), "wb+", &file);
+        int fd = -1;
+        qint64 size = 0;
+        const Status opened = fileio::openDescriptor(path.constData(), "wb+", &fd, &size);
         if (!opened.isOk()) {
             NXI_FAILED_AS(reportAs, opened, pending.openFailedMessage, path.constData());
             return false;
         }
         // On disk before the rotation's rename can install it.
-        bool written = writeChunks(file, pending.chunks) && fileio::syncFile(file).isOk();
-        written = fclose(file) == 0 && written;
-        if (!written) {
+        if (!writeAndClose(fd, pending.bytes, true)) {
             logFwriteFailed(reportAs, path);
             return false;
         }
@@ -111,38 +111,34 @@ bool writePendingFiles(const nxi& owner, int bucket, const BucketLists& lists, c
     return true;
 }
 
-// Appends the bucket block (count, group table, key list) to the status file
-// and records its offset in the bucket's slot; a short append is cut off again.
-bool appendBucketBlock(nxi& owner, int bucket, DWORD count, const BucketLists& lists, const char* reportAs)
+// Appends the bucket block to the status file and records its offset in the
+// bucket's slot; a short append is cut off again.
+bool appendBucketBlock(nxi& owner, int bucket, const BucketLists& lists, const char* reportAs)
 {
     QByteArray statusPath = owner.m_SbfTmpPath.toUtf8();
-    FILE* status = nullptr;
-    const Status opened = fileio::openFile(statusPath.constData(), "ab+", &status);
+    int fd = -1;
+    qint64 blockOffset = 0;  // the file's end: the program alone appends to it
+    const Status opened = fileio::openDescriptor(statusPath.constData(), "ab+", &fd, &blockOffset);
     if (!opened.isOk()) {
         NXI_FAILED_AS(reportAs, opened, "Could not open following file for writing- code -> %d ", opened.code());
         NXI_FAILED_AS(reportAs, opened, "%s", statusPath.constData());  // the path as plain text
         return false;
     }
-    long blockOffset = fseek(status, 0, SEEK_END) == 0 ? ftell(status) : -1;
-    if (blockOffset < 0 || uint64_t(blockOffset) > UINT32_MAX) {
-        fclose(status);
+    if (uint64_t(blockOffset) > UINT32_MAX) {
+        ::close(fd);
         logFwriteFailed(reportAs, statusPath);
         return false;
     }
-    unsigned char countBytes[nxformat::kBlockCountSize];
-    nxformat::writeLE32(countBytes, count);
     owner.m_SbfOffsets[bucket] = DWORD(blockOffset);
-    const Chunk block[] = {{countBytes, sizeof countBytes}, lists.groupTable, lists.keyList};
-    bool written = writeChunks(status, block);
-    if (!written) {
-        // No partial block stays behind: what the stream still buffers is
-        // dropped, so the close cannot write it after the cut.
-        __fpurge(status);
-        (void)!ftruncate(fileno(status), blockOffset);  // should the cut fail, no slot points at the rest
+    if (!fileio::writeAll(fd, lists.block.data, lists.block.size).isOk()) {
+        // No partial block stays behind; should the cut fail, no slot points at the rest.
+        (void)!ftruncate(fd, blockOffset);
         owner.m_SbfOffsets[bucket] = 0;
+        ::close(fd);
+        logFwriteFailed(reportAs, statusPath);
+        return false;
     }
-    written = fclose(status) == 0 && written;
-    if (!written) {
+    if (::close(fd) != 0) {
         logFwriteFailed(reportAs, statusPath);
         return false;
     }
@@ -170,25 +166,31 @@ bool nxi::WriteAllIndexing(int bucket, DWORD size)
         NXI_ERROR("Could not allocate memory!(pbdisk) code -> %d size -> %d", err, int(payloadListSize));
         return false;
     }
+    // count, group table, key list, group table: the block, then the key file.
     DWORD keyListSize = nxformat::kKeySize * count;
-    MallocBuffer pbmem = allocateListBuffer(keyListSize);
+    const DWORD blockSize = nxformat::bucketBlockSize(count);
+    MallocBuffer pbmem = allocateListBuffer(blockSize + nxformat::kGroupTableSize);
     if (!pbmem) {
         int err = errno;
         NXI_ERROR("Could not allocate memory!(pbmem) code -> %d size -> %d", err, int(keyListSize));
         return false;
     }
-    unsigned char groupTable[nxformat::kGroupTableSize];
-    nxformat::splitSortedTable(m_EntryTable, count, pbmem.get(), pbdisk.get(), groupTable);
-    const BucketLists lists{{pbmem.get(), keyListSize},
+    unsigned char* block = pbmem.get();
+    unsigned char* groupTable = block + nxformat::kBlockCountSize;
+    unsigned char* keyList = groupTable + nxformat::kGroupTableSize;
+    nxformat::writeLE32(block, count);
+    nxformat::splitSortedTable(m_EntryTable, count, keyList, pbdisk.get(), groupTable);
+    memcpy(keyList + keyListSize, groupTable, nxformat::kGroupTableSize);
+    const BucketLists lists{{block, blockSize},
+                            {keyList, nxformat::keyFileSize(count)},
                             {pbdisk.get(), payloadListSize},
-                            {groupTable, sizeof groupTable},
                             {m_EntryTable, size}};
 
     // The pending files are complete before the block is appended, so that a
     // bucket that fails leaves no partial block behind and its slot stays 0.
     if (!writePendingFiles(*this, bucket, lists, NXI_OPERATION))
         return false;
-    if (!appendBucketBlock(*this, bucket, count, lists, NXI_OPERATION))
+    if (!appendBucketBlock(*this, bucket, lists, NXI_OPERATION))
         return false;
     return RotateIndexFiles(bucket, NXI_OPERATION);
 }
