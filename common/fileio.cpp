@@ -333,11 +333,5 @@ bool isSpecialEntry(const QString& path)
     return ::lstat(path.toUtf8().constData(), &info) == 0 && !S_ISREG(info.st_mode);
 }
 
-bool sameFile(const QString& first, const QString& second)
-{
-    struct stat a, b;
-    return ::stat(first.toUtf8().constData(), &a) == 0 && ::stat(second.toUtf8().constData(), &b) == 0 &&
-           a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
 
 }  // namespace fileio

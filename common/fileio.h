@@ -108,9 +108,6 @@ bool exists(const char* path);
 // True when an entry exists at path and is not a regular file (a symbolic
 // link, a directory, a device, a FIFO): such an entry is never read as data.
 bool isSpecialEntry(const QString& path);
-// True when both names lead to the same file (same device and inode,
-// symbolic links followed).
-bool sameFile(const QString& first, const QString& second);
 
 }  // namespace fileio
 

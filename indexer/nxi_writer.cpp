@@ -201,20 +201,24 @@ bool nxi::RotateIndexFiles(int bucket, const char* reportAs)
     // waits under its previous name until all three moves have succeeded; a
     // failed move puts back the files already moved.
     const IndexFile files[] = {IndexFile::Key, IndexFile::Payload, IndexFile::Entry};
+    QString current[3], pending[3], previous[3];
+    for (int i = 0; i < 3; ++i) {
+        current[i] = indexFilePath(*this, files[i], Generation::Current, bucket);
+        pending[i] = indexFilePath(*this, files[i], Generation::Pending, bucket);
+        previous[i] = indexFilePath(*this, files[i], Generation::Previous, bucket);
+    }
     for (int moving = 0; moving < 3; ++moving) {
-        QString current = indexFilePath(*this, files[moving], Generation::Current, bucket);
-        QString pending = indexFilePath(*this, files[moving], Generation::Pending, bucket);
-        m_CommonFun->MoveFile(current, indexFilePath(*this, files[moving], Generation::Previous, bucket));
-        if (!m_CommonFun->MoveFile(pending, current)) {
-            NXI_ERROR_AS(reportAs, "Error:MoveFileEx failed for the following file- %s", pending.toUtf8().constData());
+        m_CommonFun->MoveFile(current[moving], previous[moving]);
+        if (!m_CommonFun->MoveFile(pending[moving], current[moving])) {
+            NXI_ERROR_AS(reportAs, "Error:MoveFileEx failed for the following file- %s",
+                         pending[moving].toUtf8().constData());
             for (int moved = 0; moved < moving; ++moved)
-                m_CommonFun->MoveFile(indexFilePath(*this, files[moved], Generation::Previous, bucket),
-                                      indexFilePath(*this, files[moved], Generation::Current, bucket));
+                m_CommonFun->MoveFile(previous[moved], current[moved]);
             return false;
         }
     }
-    for (IndexFile file : files)
-        DeleteFile(indexFilePath(*this, file, Generation::Previous, bucket));
+    for (const QString& path : previous)
+        DeleteFile(path);
     // The new names are on disk before the caller records the bucket's mark,
     // so that a power loss never leaves a mark ahead of its files.
     for (const QString& directory : {m_IdxnDbPath, m_HlpPath}) {
