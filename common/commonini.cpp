@@ -207,18 +207,19 @@ LastSave& lastSave()
     return save;
 }
 
-// The file's text and its sections (nullopt unless plain): from the last
-// save while the file is unchanged since, else read. *unchanged says which;
-// a missing file is an empty one.
+// The file's text and its sections (nullopt unless plain): taken from the
+// last save while the file is unchanged since (*unchanged, its identity in
+// *identity), else read; a missing file is an empty one. Taken, not copied:
+// a save puts its own text back, so that the sections are edited in place.
 Status currentIniText(const QString& file, QByteArray* text, std::optional<plainini::Text>* sections,
-                      bool* unchanged)
+                      fileio::FileIdentity* identity, bool* unchanged)
 {
-    const LastSave& save = lastSave();
-    fileio::FileIdentity now;
-    *unchanged = save.file == file && fileio::identityOf(file, &now).isOk() && now == save.identity;
+    LastSave& save = lastSave();
+    *unchanged = save.file == file && fileio::identityOf(file, identity).isOk() && *identity == save.identity;
+    save.file.clear();
     if (*unchanged) {
-        *text = save.text;
-        *sections = save.sections;
+        *text = std::move(save.text);
+        *sections = std::move(save.sections);
         return Status::ok();
     }
     Status status = fileio::readAll(file, kMaxIniFileSize, text);
@@ -238,19 +239,18 @@ bool commonfun::WritePrivateProfileString(QString section, QString key, QString 
         return true;  // nothing to write
     QByteArray current, edited;
     std::optional<plainini::Text> sections;
+    fileio::FileIdentity identity;
     bool unchanged = false;
-    Status status = currentIniText(file, &current, &sections, &unchanged);
+    Status status = currentIniText(file, &current, &sections, &identity, &unchanged);
     if (status.isOk())
         status = iniTextWith(current, &sections, section, key, value, &edited);
     if (status.isOk() && edited != current) {
-        LastSave& save = lastSave();
-        save.file.clear();  // whatever happens next, the file is read again
-        fileio::FileIdentity written;
-        status = unchanged ? fileio::replaceRegularFile(file, edited, &written)
-                           : fileio::replaceContents(file, edited, &written);
-        if (status.isOk() && sections)
-            save = {file, written, edited, *sections};
+        status = unchanged ? fileio::replaceRegularFile(file, edited, &identity)
+                           : fileio::replaceContents(file, edited, &identity);
+        unchanged = status.isOk();
     }
+    if (status.isOk() && unchanged && sections)  // the file holds edited, with this identity
+        lastSave() = {file, identity, edited, std::move(*sections)};
     if (!status.isOk())
         errno = status.code();
     return status.isOk();
