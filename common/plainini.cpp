@@ -1,5 +1,7 @@
 #include "plainini.h"
 
+#include <algorithm>
+
 namespace plainini {
 
 namespace {
@@ -40,15 +42,26 @@ QByteArray format(const Text& sections)
         for (auto key = section->cbegin(); key != section->cend(); ++key)
             size += key.key().size() + key.value().size() + 2;
     }
-    QByteArray text;
-    text.reserve(size);
+    // Copied piece by piece into a text of the final size: the progress
+    // file, 256 lines, is formed after every bucket.
+    QByteArray text(size, '\0');
+    char* end = text.data();
+    auto put = [&end](const QByteArray& piece) { end = std::copy(piece.cbegin(), piece.cend(), end); };
     for (auto section = sections.cbegin(); section != sections.cend(); ++section) {
-        if (!text.isEmpty())
-            text += '\n';
-        text.append('[').append(section.key()).append("]\n");
-        for (auto key = section->cbegin(); key != section->cend(); ++key)
-            text.append(key.key()).append('=').append(key.value()).append('\n');
+        if (end != text.data())
+            *end++ = '\n';
+        *end++ = '[';
+        put(section.key());
+        *end++ = ']';
+        *end++ = '\n';
+        for (auto key = section->cbegin(); key != section->cend(); ++key) {
+            put(key.key());
+            *end++ = '=';
+            put(key.value());
+            *end++ = '\n';
+        }
     }
+    text.truncate(int(end - text.constData()));  // the first section has no blank line before it
     return text;
 }
 
