@@ -154,14 +154,16 @@ QVariant iniValue(const QString& section, const QString& key, const QVariant& de
 }
 
 // The text after section/key is set to value: formed directly when the file
-// is plain INI text (see plainini.h), else by QSettings. The first plain save
-// that adds a section and the first that does not are also formed by
-// QSettings and compared; should this Qt write plain text differently, every
-// later save goes through QSettings.
-Status iniTextWith(const QByteArray& current, const QString& section, const QString& key, const QString& value,
-                   QByteArray* text)
+// is plain INI text (*plain holds its sections, see plainini.h), else by
+// QSettings. The first plain save that adds a section and the first that
+// does not are also formed by QSettings and compared; should this Qt write
+// plain text differently, every later save goes through QSettings. *plain
+// ends holding the sections of *text, or nullopt when QSettings formed it.
+Status iniTextWith(const QByteArray& current, std::optional<plainini::Text>* plain, const QString& section,
+                   const QString& key, const QString& value, QByteArray* text)
 {
     auto byQSettings = [&](QByteArray* result) {
+        plain->reset();
         return editedIniText(current, [&](QSettings& settings) {
             settings.beginGroup(section);
             settings.setValue(key, value);
@@ -170,21 +172,61 @@ Status iniTextWith(const QByteArray& current, const QString& section, const QStr
     };
     enum Check { Unchecked, Agrees, Differs };
     static Check plainAgrees[2] = {Unchecked, Unchecked};  // [adds a section]
-    std::optional<plainini::Text> plain = plainini::parse(current);
     const QByteArray name = section.toUtf8(), entry = key.toUtf8(), data = value.toUtf8();
-    if (!plain || !plainini::isPlainName(name) || !plainini::isPlainName(entry) || !plainini::isPlainValue(data))
+    if (!*plain || !plainini::isPlainName(name) || !plainini::isPlainName(entry) || !plainini::isPlainValue(data))
         return byQSettings(text);
-    Check& check = plainAgrees[plain->contains(name) ? 0 : 1];
+    Check& check = plainAgrees[(*plain)->contains(name) ? 0 : 1];
     if (check == Differs)
         return byQSettings(text);
-    (*plain)[name][entry] = data;
-    *text = plainini::format(*plain);
+    (**plain)[name][entry] = data;
+    *text = plainini::format(**plain);
     if (check == Agrees)
         return Status::ok();
     const QByteArray formed = *text;
     const Status status = byQSettings(text);
     if (status.isOk())
         check = *text == formed ? Agrees : Differs;
+    if (check == Agrees)
+        *plain = plainini::parse(*text);
+    return status;
+}
+
+// The text of the INI file the program saved last, and the file's identity
+// right after that save. While the file shows the same identity nobody has
+// written it since, and a save need not read and parse it again: the
+// progress file is saved after every bucket.
+struct LastSave {
+    QString file;
+    fileio::FileIdentity identity;
+    QByteArray text;
+    plainini::Text sections;
+};
+LastSave& lastSave()
+{
+    static LastSave save;
+    return save;
+}
+
+// The file's text and its sections (nullopt unless plain): taken from the
+// last save while the file is unchanged since (*unchanged, its identity in
+// *identity), else read; a missing file is an empty one. Taken, not copied:
+// a save puts its own text back, so that the sections are edited in place.
+Status currentIniText(const QString& file, QByteArray* text, std::optional<plainini::Text>* sections,
+                      fileio::FileIdentity* identity, bool* unchanged)
+{
+    LastSave& save = lastSave();
+    *unchanged = save.file == file && fileio::identityOf(file, identity).isOk() && *identity == save.identity;
+    save.file.clear();
+    if (*unchanged) {
+        *text = std::move(save.text);
+        *sections = std::move(save.sections);
+        return Status::ok();
+    }
+    Status status = fileio::readAll(file, kMaxIniFileSize, text);
+    if (status.code() == ENOENT)
+        status = Status::ok();  // a new file
+    if (status.isOk())
+        *sections = plainini::parse(*text);
     return status;
 }
 
@@ -196,13 +238,19 @@ bool commonfun::WritePrivateProfileString(QString section, QString key, QString 
     if (file.isEmpty() || section.isEmpty() || key.isEmpty())
         return true;  // nothing to write
     QByteArray current, edited;
-    Status status = fileio::readAll(file, kMaxIniFileSize, &current);
-    if (status.code() == ENOENT)
-        status = Status::ok();  // a new file
+    std::optional<plainini::Text> sections;
+    fileio::FileIdentity identity;
+    bool unchanged = false;
+    Status status = currentIniText(file, &current, &sections, &identity, &unchanged);
     if (status.isOk())
-        status = iniTextWith(current, section, key, value, &edited);
-    if (status.isOk() && edited != current)
-        status = fileio::replaceContents(file, edited);
+        status = iniTextWith(current, &sections, section, key, value, &edited);
+    if (status.isOk() && edited != current) {
+        status = unchanged ? fileio::replaceRegularFile(file, edited, &identity)
+                           : fileio::replaceContents(file, edited, &identity);
+        unchanged = status.isOk();
+    }
+    if (status.isOk() && unchanged && sections)  // the file holds edited, with this identity
+        lastSave() = {file, identity, edited, std::move(*sections)};
     if (!status.isOk())
         errno = status.code();
     return status.isOk();

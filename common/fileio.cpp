@@ -27,6 +27,13 @@ int openFlags(const char* mode, bool* truncate)
     }
 }
 
+bool sameTime(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
+
+FileIdentity identityFrom(const struct stat& info)
+{
+    return {info.st_dev, info.st_ino, info.st_size, info.st_mtim, info.st_ctim};
+}
+
 // errno for an entry that is not a regular file.
 int specialEntryError(mode_t mode) { return S_ISLNK(mode) ? ELOOP : S_ISDIR(mode) ? EISDIR : EINVAL; }
 
@@ -38,7 +45,7 @@ Status failedClosing(int fd, const char* action, const QByteArray& path)
     return status;
 }
 
-Status writeAll(int fd, const char* data, size_t size, const QByteArray& path)
+Status writeAllTo(int fd, const char* data, size_t size, const QByteArray& path)
 {
     while (size > 0) {
         const ssize_t written = ::write(fd, data, size);
@@ -72,7 +79,11 @@ Status openRegular(const QByteArray& path, int flags, int* fd, struct stat* info
 
 // A file that another user owns, or that has other names, is not truncated
 // and reused: it is removed and a new file of the program's own is made.
-bool isOwnFile(const struct stat& info) { return info.st_uid == ::geteuid() && info.st_nlink == 1; }
+bool isOwnFile(const struct stat& info)
+{
+    static const uid_t user = ::geteuid();  // the program never changes it
+    return info.st_uid == user && info.st_nlink == 1;
+}
 
 Status replaceByOwnFile(int* fd, const QByteArray& path, int flags, struct stat* info)
 {
@@ -93,28 +104,39 @@ bool fixMode(int fd, const struct stat& info, bool truncate)
 
 }  // namespace
 
-Status openFile(const char* path, const char* mode, FILE** file)
+Status openDescriptor(const char* path, const char* mode, int* fd, qint64* size)
 {
-    *file = nullptr;
+    *fd = -1;
     const QByteArray name(path);
     bool truncate = false;
     const int flags = openFlags(mode, &truncate);
     if (flags < 0)
         return Status::error(EINVAL, named("open (bad mode)", name));
-    int fd = -1;
     struct stat info;
-    Status status = openRegular(name, flags, &fd, &info);
+    Status status = openRegular(name, flags, fd, &info);
     if (status.isOk() && truncate && !isOwnFile(info))
-        status = replaceByOwnFile(&fd, name, flags, &info);
+        status = replaceByOwnFile(fd, name, flags, &info);
     if (!status.isOk())
         return status;
     const bool writes = (flags & (O_WRONLY | O_RDWR)) != 0;
-    if (writes && !fixMode(fd, info, truncate))
-        return failedClosing(fd, "fchmod", name);
-    if (truncate && info.st_size != 0 && ::ftruncate(fd, 0) != 0)
-        return failedClosing(fd, "ftruncate", name);
+    if (writes && !fixMode(*fd, info, truncate))
+        return failedClosing(*fd, "fchmod", name);
+    if (truncate && info.st_size != 0 && ::ftruncate(*fd, 0) != 0)
+        return failedClosing(*fd, "ftruncate", name);
+    *size = truncate ? 0 : info.st_size;
+    return Status::ok();
+}
+
+Status openFile(const char* path, const char* mode, FILE** file)
+{
+    *file = nullptr;
+    int fd = -1;
+    qint64 size = 0;
+    const Status status = openDescriptor(path, mode, &fd, &size);
+    if (!status.isOk())
+        return status;
     *file = ::fdopen(fd, mode);
-    return *file ? Status::ok() : failedClosing(fd, "fdopen", name);
+    return *file ? Status::ok() : failedClosing(fd, "fdopen", QByteArray(path));
 }
 
 Status syncFile(FILE* file)
@@ -122,6 +144,11 @@ Status syncFile(FILE* file)
     if (std::fflush(file) != 0)
         return Status::fromErrno("write (flush)");
     return ::fdatasync(fileno(file)) == 0 ? Status::ok() : Status::fromErrno("fdatasync");
+}
+
+Status writeAll(int fd, const void* data, size_t size)
+{
+    return writeAllTo(fd, static_cast<const char*>(data), size, "(descriptor)");
 }
 
 Status openForReading(const char* path, int* fd, qint64* size)
@@ -174,34 +201,56 @@ Status readAll(const QString& path, qint64 maxSize, QByteArray* contents)
     return status;
 }
 
-Status replaceContents(const QString& path, const QByteArray& bytes)
+bool operator==(const FileIdentity& a, const FileIdentity& b)
 {
-    const QByteArray target = path.toUtf8();
-    struct stat info;
-    if (::lstat(target.constData(), &info) == 0) {
-        if (!S_ISREG(info.st_mode))
-            return Status::error(specialEntryError(info.st_mode), named("replace (not a regular file)", target));
-    } else if (errno != ENOENT) {
-        return Status::fromErrno(named("lstat", target));
-    }
+    return a.device == b.device && a.inode == b.inode && a.size == b.size && sameTime(a.modified, b.modified) &&
+           sameTime(a.changed, b.changed);
+}
 
+Status identityOf(const QString& path, FileIdentity* identity)
+{
+    const QByteArray name = path.toUtf8();
+    struct stat info;
+    if (::lstat(name.constData(), &info) != 0)
+        return Status::fromErrno(named("lstat", name));
+    if (!S_ISREG(info.st_mode))
+        return Status::error(specialEntryError(info.st_mode), named("use (not a regular file)", name));
+    *identity = identityFrom(info);
+    return Status::ok();
+}
+
+Status replaceContents(const QString& path, const QByteArray& bytes, FileIdentity* written)
+{
+    FileIdentity present;
+    const Status looked = identityOf(path, &present);
+    if (!looked.isOk() && looked.code() != ENOENT)
+        return looked;  // not a regular file, or no look possible
+    return replaceRegularFile(path, bytes, written);
+}
+
+Status replaceRegularFile(const QString& path, const QByteArray& bytes, FileIdentity* written)
+{
     // The new file beside the old one has one fixed name: whatever a killed
     // save left there (or a link planted there) is removed first, so nothing
     // piles up and nothing is written through a link. It never inherits the
     // old file's mode or owner.
-    const QByteArray sibling = target + ".new";
+    const QByteArray target = path.toUtf8(), sibling = target + ".new";
     ::unlink(sibling.constData());
     const int fd = ::open(sibling.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode);
     if (fd < 0)
         return Status::fromErrno(named("open", sibling));
-    Status status = ::fchmod(fd, kFileMode) == 0 ? writeAll(fd, bytes.constData(), size_t(bytes.size()), sibling)
+    Status status = ::fchmod(fd, kFileMode) == 0 ? writeAllTo(fd, bytes.constData(), size_t(bytes.size()), sibling)
                                                   : Status::fromErrno(named("fchmod", sibling));
     if (status.isOk() && ::fdatasync(fd) != 0)
         status = Status::fromErrno(named("fdatasync", sibling));
-    if (::close(fd) != 0 && status.isOk())
-        status = Status::fromErrno(named("close", sibling));
     if (status.isOk() && ::rename(sibling.constData(), target.constData()) != 0)
         status = Status::fromErrno(named("rename", sibling));
+    // The rename changed the file's change time: its identity is taken after it.
+    struct stat info;
+    if (status.isOk() && written)
+        *written = ::fstat(fd, &info) == 0 ? identityFrom(info) : FileIdentity();
+    if (::close(fd) != 0 && status.isOk())
+        status = Status::fromErrno(named("close", sibling));
     if (!status.isOk())
         ::unlink(sibling.constData());
     return status;
@@ -213,7 +262,7 @@ Status writeNewFile(const QString& path, const QByteArray& bytes)
     const int fd = ::open(name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0)
         return Status::fromErrno(named("open", name));
-    Status status = writeAll(fd, bytes.constData(), size_t(bytes.size()), name);
+    Status status = writeAllTo(fd, bytes.constData(), size_t(bytes.size()), name);
     if (::close(fd) != 0 && status.isOk())
         status = Status::fromErrno(named("close", name));
     return status;
@@ -284,11 +333,5 @@ bool isSpecialEntry(const QString& path)
     return ::lstat(path.toUtf8().constData(), &info) == 0 && !S_ISREG(info.st_mode);
 }
 
-bool sameFile(const QString& first, const QString& second)
-{
-    struct stat a, b;
-    return ::stat(first.toUtf8().constData(), &a) == 0 && ::stat(second.toUtf8().constData(), &b) == 0 &&
-           a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
 
 }  // namespace fileio

@@ -14,9 +14,22 @@
 #include <QString>
 
 #include <cstdio>
+#include <ctime>
 #include <sys/types.h>
 
 namespace fileio {
+
+// What tells one version of a file from another: the file itself (device and
+// inode), its size, and when its data and its inode last changed. A write or
+// a rename by anybody changes the times.
+struct FileIdentity {
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = -1;
+    timespec modified = {};
+    timespec changed = {};
+};
+bool operator==(const FileIdentity& a, const FileIdentity& b);
 
 // Every file the program creates or replaces: written by its owner alone,
 // read by the components that use the index. The program's own umask (022)
@@ -30,8 +43,13 @@ constexpr mode_t kDirectoryMode = 0755;
 // more than it when added to; one to be truncated that another user owns or
 // that has other names is replaced by a new file.
 Status openFile(const char* path, const char* mode, FILE** file);
+// openFile without the stream: the descriptor in *fd and the file's size
+// after the open in *size, for a writer that writes whole buffers itself.
+Status openDescriptor(const char* path, const char* mode, int* fd, qint64* size);
 // Flushes the stream and puts its data on disk.
 Status syncFile(FILE* file);
+// write(2) until every byte is written; ENOSPC when the file takes no more.
+Status writeAll(int fd, const void* data, size_t size);
 
 // open(2) for reading with the refusals of openFile: the descriptor in *fd,
 // the file's size in *size.
@@ -47,13 +65,22 @@ void closeFd(int fd);
 // the rest.
 Status readAll(const QString& path, qint64 maxSize, QByteArray* contents);
 
+// The identity of the regular file at path, a symbolic link not followed:
+// ENOENT when nothing is there, ELOOP, EISDIR or EINVAL for an entry that is
+// not a regular file.
+Status identityOf(const QString& path, FileIdentity* identity);
+
 // Replaces the file at path by one holding bytes: a new file beside it
 // ("<path>.new") is written with kFileMode, synced and renamed over it, so
 // the file holds the old or the new text whole, never less, whenever the
 // machine stops. The rename itself may still be undone by a power loss:
 // callers that need the new name on disk sync the directory. On failure the
-// new file is removed again. A symbolic link at path is refused.
-Status replaceContents(const QString& path, const QByteArray& bytes);
+// new file is removed again. A symbolic link at path is refused. *written,
+// when given, gets the new file's identity once it stands at path.
+Status replaceContents(const QString& path, const QByteArray& bytes, FileIdentity* written = nullptr);
+// replaceContents without its look at path, for a caller that has just found
+// a regular file there (identityOf).
+Status replaceRegularFile(const QString& path, const QByteArray& bytes, FileIdentity* written = nullptr);
 // Creates a new file at path (never an existing one, never through a link)
 // holding bytes, mode 0600; not synced. For the program's own scratch files.
 Status writeNewFile(const QString& path, const QByteArray& bytes);
@@ -81,9 +108,6 @@ bool exists(const char* path);
 // True when an entry exists at path and is not a regular file (a symbolic
 // link, a directory, a device, a FIFO): such an entry is never read as data.
 bool isSpecialEntry(const QString& path);
-// True when both names lead to the same file (same device and inode,
-// symbolic links followed).
-bool sameFile(const QString& first, const QString& second);
 
 }  // namespace fileio
 

@@ -1,5 +1,7 @@
 #include "plainini.h"
 
+#include <algorithm>
+
 namespace plainini {
 
 namespace {
@@ -34,14 +36,32 @@ bool isPlainValue(const QByteArray& value)
 
 QByteArray format(const Text& sections)
 {
-    QByteArray text;
+    int size = 0;
     for (auto section = sections.cbegin(); section != sections.cend(); ++section) {
-        if (!text.isEmpty())
-            text += '\n';
-        text += '[' + section.key() + "]\n";
+        size += section.key().size() + 4;
         for (auto key = section->cbegin(); key != section->cend(); ++key)
-            text += key.key() + '=' + key.value() + '\n';
+            size += key.key().size() + key.value().size() + 2;
     }
+    // Copied piece by piece into a text of the final size: the progress
+    // file, 256 lines, is formed after every bucket.
+    QByteArray text(size, '\0');
+    char* end = text.data();
+    auto put = [&end](const QByteArray& piece) { end = std::copy(piece.cbegin(), piece.cend(), end); };
+    for (auto section = sections.cbegin(); section != sections.cend(); ++section) {
+        if (end != text.data())
+            *end++ = '\n';
+        *end++ = '[';
+        put(section.key());
+        *end++ = ']';
+        *end++ = '\n';
+        for (auto key = section->cbegin(); key != section->cend(); ++key) {
+            put(key.key());
+            *end++ = '=';
+            put(key.value());
+            *end++ = '\n';
+        }
+    }
+    text.truncate(int(end - text.constData()));  // the first section has no blank line before it
     return text;
 }
 

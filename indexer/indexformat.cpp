@@ -210,7 +210,16 @@ std::optional<int> parseSbfSizeValue(const QString& value)
 const char* const kDbCountSection = "DB-COUNT";
 const char* const kHelperProgressSection = "hlpr";
 
-static QString bucketName(int bucket) { return QString::asprintf("%02x", bucket); }
+// "%02x" of the bucket; formed without printf, as twelve names are formed
+// for every bucket written.
+static QString bucketName(int bucket)
+{
+    if (bucket < 0 || bucket >= kBucketCount)
+        return QString::asprintf("%02x", bucket);
+    static const char digits[] = "0123456789abcdef";
+    const char name[2] = {digits[bucket >> 4], digits[bucket & 15]};
+    return QString::fromLatin1(name, 2);
+}
 
 QString sourceFilePath(const QString& host, const QString& db, int fileNumber)
 {

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <vector>
+#include <sys/stat.h>
 
 namespace {
 
@@ -62,13 +63,16 @@ bool nxi::AllocateIndexBuffer(int bucket, DWORD size, bool* hasHelper, DWORD* al
     *allocSize = 0;
 
     uint64_t total = size;
-    QString helperPath = nxformat::helperFilePath(m_HostPath, QString::fromUtf8(m_DbName), bucket);
-    if (fileio::isSpecialEntry(helperPath)) {
+    const QByteArray helperPath = nxformat::helperFilePath(m_HostPath, QString::fromUtf8(m_DbName), bucket).toUtf8();
+    struct stat helper;
+    if (::lstat(helperPath.constData(), &helper) != 0) {
+        // No helper file.
+    } else if (!S_ISREG(helper.st_mode)) {
         // A link or a directory is not a helper file: its target's bytes must
         // never end up in the index.
-        NXI_ERROR(kSpecialEntryRefused, helperPath.toUtf8().constData());
-    } else if (m_CommonFun->PathFileExists(helperPath)) {
-        DWORD helperSize = DWORD(m_CommonFun->GetFileSize(helperPath));
+        NXI_ERROR(kSpecialEntryRefused, helperPath.constData());
+    } else {
+        DWORD helperSize = DWORD(helper.st_size);
         if (helperSize != 0) {
             total += helperSize;
             *hasHelper = true;
@@ -95,15 +99,15 @@ bool nxi::ReadHelperFile(int bucket)
 {
     QString name = nxformat::helperFilePath(m_HostPath, QString::fromUtf8(m_DbName), bucket);
     QByteArray path = name.toUtf8();
-    if (!m_CommonFun->PathFileExists(name))
-        return false;
-    FILE* file = nullptr;
-    const Status opened = fileio::openFile(path.constData(), "rb", &file);
+    int fd = -1;
+    qint64 fileSize = 0;
+    const Status opened = fileio::openForReading(path.constData(), &fd, &fileSize);
     if (!opened.isOk()) {
-        NXI_FAILED(opened, "Error:Unable to get file size! - %s", path.constData());
+        if (m_CommonFun->PathFileExists(name))  // a file that is not there is no failure
+            NXI_FAILED(opened, "Error:Unable to get file size! - %s", path.constData());
         return false;
     }
-    DWORD size = DWORD(m_CommonFun->GetFileSize(name));
+    DWORD size = DWORD(fileSize);
     size_t room = m_EntryCursor ? size_t(m_EntryTableEnd - m_EntryCursor) : 0;
     bool loaded = false;
     if (size == 0) {
@@ -114,7 +118,8 @@ bool nxi::ReadHelperFile(int bucket)
                   path.constData(), size, room);
         m_EntryTableOverflow = true;
     } else {
-        size_t got = fread(m_EntryCursor, 1, size, file);
+        size_t got = 0;
+        fileio::readAt(fd, m_EntryCursor, size, 0, &got);  // a failed read leaves errno for the line below
         loaded = got == size;
         if (loaded) {
             m_EntryCursor += got & ~size_t(nxformat::kRecordSize - 1);
@@ -123,7 +128,7 @@ bool nxi::ReadHelperFile(int bucket)
             NXI_ERROR("ReadFile failed for the following file(helper buffer) - %s", path.constData());
         }
     }
-    fclose(file);
+    fileio::closeFd(fd);
     return loaded;
 }
 

@@ -14,7 +14,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <stdio_ext.h>
 #include <memory>
 #include <unistd.h>
 
@@ -28,10 +27,13 @@ struct FreeDeleter {
 };
 using MallocBuffer = std::unique_ptr<unsigned char, FreeDeleter>;
 
-// Zero-filled, one byte longer than asked.
+// One byte longer than asked, that byte zero; the conversion fills the rest.
 MallocBuffer allocateListBuffer(DWORD size)
 {
-    return MallocBuffer(static_cast<unsigned char*>(calloc(size_t(size) + 1, 1)));
+    MallocBuffer buffer(static_cast<unsigned char*>(malloc(size_t(size) + 1)));
+    if (buffer)
+        buffer.get()[size] = 0;
+    return buffer;
 }
 
 struct Chunk {
@@ -39,29 +41,28 @@ struct Chunk {
     size_t size;
 };
 
-// Writes the chunks in order, each as one item, and flushes them; false
-// after a short write.
-template <size_t N>
-bool writeChunks(FILE* file, const Chunk (&chunks)[N])
-{
-    for (const Chunk& chunk : chunks)
-        if (chunk.size > 0 && fwrite(chunk.data, chunk.size, 1, file) != 1)
-            return false;
-    return fflush(file) == 0;
-}
-
 void logFwriteFailed(const char* reportAs, const QByteArray& path)
 {
     NXI_ERROR_AS(reportAs, "Error:fwrite failed for the following file- %s", path.constData());
 }
 
-// The bucket's lists, converted from its sorted table.
+// The bucket's lists, converted from its sorted table. The bucket block
+// (count, group table, key list) and the key file (key list, group table)
+// each lie in one piece of the same buffer, so that each is one write.
 struct BucketLists {
-    Chunk keyList;
+    Chunk block;
+    Chunk keyFile;
     Chunk payloadList;
-    Chunk groupTable;
     Chunk entryTable;
 };
+
+// Writes bytes to fd and closes it, having put them on disk first when sync
+// is set; false after a short write or a failed sync or close.
+bool writeAndClose(int fd, const Chunk& bytes, bool sync)
+{
+    bool written = fileio::writeAll(fd, bytes.data, bytes.size).isOk() && (!sync || ::fdatasync(fd) == 0);
+    return ::close(fd) == 0 && written;
+}
 
 // Writes the key, payload and entry files under their pending names (in
 // that order in paths).
@@ -69,26 +70,25 @@ bool writePendingFiles(const QString (&paths)[3], const BucketLists& lists, cons
 {
     struct PendingFile {
         IndexFile file;
-        Chunk chunks[2];
+        Chunk bytes;
         const char* openFailedMessage;
     };
     const PendingFile pendingFiles[] = {
-        {IndexFile::Key, {lists.keyList, lists.groupTable}, "Error:Could not open following file for writing- %s"},
-        {IndexFile::Payload, {lists.payloadList, {}}, "Error:Could not open following file for writing- %s"},
-        {IndexFile::Entry, {lists.entryTable, {}}, "Error:Could not open following file for helper writing- %s"},
+        {IndexFile::Key, lists.keyFile, "Error:Could not open following file for writing- %s"},
+        {IndexFile::Payload, lists.payloadList, "Error:Could not open following file for writing- %s"},
+        {IndexFile::Entry, lists.entryTable, "Error:Could not open following file for helper writing- %s"},
     };
     for (const PendingFile& pending : pendingFiles) {
         const QByteArray path = paths[int(pending.file)].toUtf8();
-        FILE* file = nullptr;
-        const Status opened = fileio::openFile(path.constData(), "wb+", &file);
+        int fd = -1;
+        qint64 size = 0;
+        const Status opened = fileio::openDescriptor(path.constData(), "wb+", &fd, &size);
         if (!opened.isOk()) {
             NXI_FAILED_AS(reportAs, opened, pending.openFailedMessage, path.constData());
             return false;
         }
         // On disk before the rotation's rename can install it.
-        bool written = writeChunks(file, pending.chunks) && fileio::syncFile(file).isOk();
-        written = fclose(file) == 0 && written;
-        if (!written) {
+        if (!writeAndClose(fd, pending.bytes, true)) {
             logFwriteFailed(reportAs, path);
             return false;
         }
@@ -96,40 +96,34 @@ bool writePendingFiles(const QString (&paths)[3], const BucketLists& lists, cons
     return true;
 }
 
-// Appends the bucket block (count, group table, key list) to the status file
-// and records its offset in the bucket's slot; a short append is cut off again
-// and clears the slot.
-bool appendBucketBlock(const QString& statusFile, DWORD count, const BucketLists& lists, const char* reportAs,
-                       uint32_t* slot)
+// Appends the bucket block to the status file and records its offset in the
+// bucket's slot; a short append is cut off again and clears the slot.
+bool appendBucketBlock(const QString& statusFile, const BucketLists& lists, const char* reportAs, uint32_t* slot)
 {
     const QByteArray statusPath = statusFile.toUtf8();
-    FILE* status = nullptr;
-    const Status opened = fileio::openFile(statusPath.constData(), "ab+", &status);
+    int fd = -1;
+    qint64 blockOffset = 0;  // the file's end: the program alone appends to it
+    const Status opened = fileio::openDescriptor(statusPath.constData(), "ab+", &fd, &blockOffset);
     if (!opened.isOk()) {
         NXI_FAILED_AS(reportAs, opened, "Could not open following file for writing- code -> %d ", opened.code());
         NXI_FAILED_AS(reportAs, opened, "%s", statusPath.constData());  // the path as plain text
         return false;
     }
-    long blockOffset = fseek(status, 0, SEEK_END) == 0 ? ftell(status) : -1;
-    if (blockOffset < 0 || uint64_t(blockOffset) > UINT32_MAX) {
-        fclose(status);
+    if (uint64_t(blockOffset) > UINT32_MAX) {
+        ::close(fd);
         logFwriteFailed(reportAs, statusPath);
         return false;
     }
-    unsigned char countBytes[nxformat::kBlockCountSize];
-    nxformat::writeLE32(countBytes, count);
     *slot = DWORD(blockOffset);
-    const Chunk block[] = {{countBytes, sizeof countBytes}, lists.groupTable, lists.keyList};
-    bool written = writeChunks(status, block);
-    if (!written) {
-        // No partial block stays behind: what the stream still buffers is
-        // dropped, so the close cannot write it after the cut.
-        __fpurge(status);
-        (void)!ftruncate(fileno(status), blockOffset);  // should the cut fail, no slot points at the rest
+    if (!fileio::writeAll(fd, lists.block.data, lists.block.size).isOk()) {
+        // No partial block stays behind; should the cut fail, no slot points at the rest.
+        (void)!ftruncate(fd, blockOffset);
         *slot = 0;
+        ::close(fd);
+        logFwriteFailed(reportAs, statusPath);
+        return false;
     }
-    written = fclose(status) == 0 && written;
-    if (!written) {
+    if (::close(fd) != 0) {
         logFwriteFailed(reportAs, statusPath);
         return false;
     }
@@ -171,18 +165,24 @@ bool nxi::WriteAllIndexing(int bucket, DWORD size)
         NXI_ERROR("Could not allocate memory!(pbdisk) code -> %d size -> %d", err, int(payloadListSize));
         return false;
     }
+    // count, group table, key list, group table: the block, then the key file.
     DWORD keyListSize = nxformat::kKeySize * count;
-    MallocBuffer pbmem = allocateListBuffer(keyListSize);
+    const DWORD blockSize = nxformat::bucketBlockSize(count);
+    MallocBuffer pbmem = allocateListBuffer(blockSize + nxformat::kGroupTableSize);
     if (!pbmem) {
         int err = errno;
         NXI_ERROR("Could not allocate memory!(pbmem) code -> %d size -> %d", err, int(keyListSize));
         return false;
     }
-    unsigned char groupTable[nxformat::kGroupTableSize];
-    nxformat::splitSortedTable(m_EntryTable, count, pbmem.get(), pbdisk.get(), groupTable);
-    const BucketLists lists{{pbmem.get(), keyListSize},
+    unsigned char* block = pbmem.get();
+    unsigned char* groupTable = block + nxformat::kBlockCountSize;
+    unsigned char* keyList = groupTable + nxformat::kGroupTableSize;
+    nxformat::writeLE32(block, count);
+    nxformat::splitSortedTable(m_EntryTable, count, keyList, pbdisk.get(), groupTable);
+    memcpy(keyList + keyListSize, groupTable, nxformat::kGroupTableSize);
+    const BucketLists lists{{block, blockSize},
+                            {keyList, nxformat::keyFileSize(count)},
                             {pbdisk.get(), payloadListSize},
-                            {groupTable, sizeof groupTable},
                             {m_EntryTable, size}};
 
     // The pending files are complete before the block is appended, so that a
@@ -192,7 +192,7 @@ bool nxi::WriteAllIndexing(int bucket, DWORD size)
                                 IndexFilePath(IndexFile::Entry, Generation::Pending, bucket)};
     if (!writePendingFiles(pending, lists, NXI_OPERATION))
         return false;
-    if (!appendBucketBlock(m_SbfTmpPath, count, lists, NXI_OPERATION, &m_SbfOffsets[bucket]))
+    if (!appendBucketBlock(m_SbfTmpPath, lists, NXI_OPERATION, &m_SbfOffsets[bucket]))
         return false;
     return RotateIndexFiles(bucket, NXI_OPERATION);
 }
@@ -203,20 +203,24 @@ bool nxi::RotateIndexFiles(int bucket, const char* reportAs)
     // waits under its previous name until all three moves have succeeded; a
     // failed move puts back the files already moved.
     const IndexFile files[] = {IndexFile::Key, IndexFile::Payload, IndexFile::Entry};
+    QString current[3], pending[3], previous[3];
+    for (int i = 0; i < 3; ++i) {
+        current[i] = IndexFilePath(files[i], Generation::Current, bucket);
+        pending[i] = IndexFilePath(files[i], Generation::Pending, bucket);
+        previous[i] = IndexFilePath(files[i], Generation::Previous, bucket);
+    }
     for (int moving = 0; moving < 3; ++moving) {
-        QString current = IndexFilePath(files[moving], Generation::Current, bucket);
-        QString pending = IndexFilePath(files[moving], Generation::Pending, bucket);
-        m_CommonFun->MoveFile(current, IndexFilePath(files[moving], Generation::Previous, bucket));
-        if (!m_CommonFun->MoveFile(pending, current)) {
-            NXI_ERROR_AS(reportAs, "Error:MoveFileEx failed for the following file- %s", pending.toUtf8().constData());
+        m_CommonFun->MoveFile(current[moving], previous[moving]);
+        if (!m_CommonFun->MoveFile(pending[moving], current[moving])) {
+            NXI_ERROR_AS(reportAs, "Error:MoveFileEx failed for the following file- %s",
+                         pending[moving].toUtf8().constData());
             for (int moved = 0; moved < moving; ++moved)
-                m_CommonFun->MoveFile(IndexFilePath(files[moved], Generation::Previous, bucket),
-                                      IndexFilePath(files[moved], Generation::Current, bucket));
+                m_CommonFun->MoveFile(previous[moved], current[moved]);
             return false;
         }
     }
-    for (IndexFile file : files)
-        DeleteFile(IndexFilePath(file, Generation::Previous, bucket));
+    for (const QString& path : previous)
+        DeleteFile(path);
     // The new names are on disk before the caller records the bucket's mark,
     // so that a power loss never leaves a mark ahead of its files.
     for (const QString& directory : {m_IdxnDbPath, m_HlpPath}) {

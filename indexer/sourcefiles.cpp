@@ -50,7 +50,7 @@ bool SourceFiles::exists(const char* path)
 
 const SourceFiles::File* SourceFiles::open(const char* path)
 {
-    if (m_Checked && m_Checked->path == path)
+    if (m_Checked && m_Checked->path == borrowed(path))
         return &m_Checked->file;
     if (const Kept* kept = findUnchanged(path))
         return &kept->file;

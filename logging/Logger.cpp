@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <unistd.h>
 
 namespace LOGGER {
 
@@ -282,15 +283,14 @@ void CLogger::writeNewBody(std::string const& body)
     m_LastMessage = body;
     m_RepeatCount = 0;
     m_CountLineLength = 0;
-    m_File = openLogFile("a+");
-    if (m_File == nullptr)
+    const int fd = openLog("a+");
+    if (fd < 0)
         return;
-    char const* time = getCurrentTime();
-    writeText(m_File, time, strlen(time));
-    writeText(m_File, "  ", 2);
-    writeText(m_File, body.data(), body.size());
-    writeText(m_File, "\r\n", 2);
-    closeFile();
+    // The whole line in one write.
+    std::string line = getCurrentTime();
+    line.append("  ").append(body).append("\r\n");
+    (void)fileio::writeAll(fd, line.data(), line.size());
+    ::close(fd);
 }
 
 // A repeat of the last body: the count line at the end of the file is
@@ -357,15 +357,25 @@ void CLogger::moveToBackup()
     rename(m_LogFilePath.c_str(), backupPath.c_str());
 }
 
-FILE* CLogger::openLogFile(char const* mode)
+int CLogger::openLog(char const* mode)
 {
-    FILE* file = nullptr;
-    const Status status = fileio::openFile(m_LogFilePath.c_str(), mode, &file);
+    int fd = -1;
+    qint64 size = 0;
+    const Status status = fileio::openDescriptor(m_LogFilePath.c_str(), mode, &fd, &size);
     if (!status.isOk() && !m_OpenFailureTold && !(status.code() == ENOENT && std::strcmp(mode, kUpdateMode) == 0)) {
         m_OpenFailureTold = true;
         std::fprintf(stderr, "%s: could not open the log file %s: %s\n", programName().toUtf8().constData(),
                      m_LogFilePath.c_str(), std::strerror(status.code()));
     }
+    return fd;
+}
+
+FILE* CLogger::openLogFile(char const* mode)
+{
+    const int fd = openLog(mode);
+    FILE* file = fd < 0 ? nullptr : fdopen(fd, mode);
+    if (fd >= 0 && file == nullptr)
+        ::close(fd);
     return file;
 }
 

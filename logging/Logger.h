@@ -87,6 +87,9 @@ private:
                      std::string const& codePiece, char const* format, va_list args);
     void writeNewBody(std::string const& body);
     void writeCountLine();
+    // The log file opened with mode (see fileio::openFile); -1 or nullptr
+    // when it can't be, which is told on stderr once.
+    int openLog(char const* mode);
     FILE* openLogFile(char const* mode);
 
     std::string m_LastMessage;

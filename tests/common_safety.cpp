@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <sys/stat.h>
 
 namespace {
@@ -118,6 +119,30 @@ TEST_F(CommonFiles, IniTextAndReads)
 
 // A move is one rename(2): it refuses a directory over a file and the other way round, another file system (nothing
 // is copied) and a destination that is the source under another name, and leaves both files as they were.
+// A save starts from what the file holds now, also when another writer changed it after the program's own last
+// save: in place at another size, or replaced by a file of the same size.
+TEST_F(CommonFiles, SaveRereadsWhatOthersWrote)
+{
+    const QString file = path("p.ini"), other = path("other.ini");
+    const struct {
+        const char* how;
+        QByteArray written;
+        bool replaced;
+    } cases[] = {{"rewritten in place", "[hlpr]\n00=15\n01=16\n", false}, {"replaced", "[hlpr]\n00=02\n", true}};
+    for (const auto& c : cases) {
+        QFile::remove(file);
+        ASSERT_TRUE(fun->WritePrivateProfileString("hlpr", "00", "01", file));
+        if (c.replaced) {
+            nxtest::writeFile(other, c.written);
+            ASSERT_EQ(std::rename(qPrintable(other), qPrintable(file)), 0);
+        } else {
+            nxtest::writeFile(file, c.written);
+        }
+        ASSERT_TRUE(fun->WritePrivateProfileString("hlpr", "02", "09", file));
+        EXPECT_EQ(nxtest::readFile(file), c.written + "02=09\n") << c.how;
+    }
+}
+
 TEST_F(CommonFiles, ExistenceDeleteAndMove)
 {
     QString src = path("src"), dst = path("dst");
