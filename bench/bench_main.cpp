@@ -250,7 +250,8 @@ Command Bench::command(Program program) const
     Command command;
     if (program == Indexer) {
         command.program = root(Indexer) + "/bin/nxindexer";
-        command.environment << QString("LD_PRELOAD=%1").arg(NXNOPAUSE_PATH);
+        // The pause goes; the syncs stay, to be counted and waited for.
+        command.environment << QString("LD_PRELOAD=%1").arg(NXNOPAUSE_PATH) << "NXNOPAUSE_KEEP_SYNCS=1";
 #ifdef __SANITIZE_ADDRESS__
         // The preloaded library comes before the sanitizer's runtime.
         const QString asan = qEnvironmentVariable("ASAN_OPTIONS");
