@@ -12,9 +12,9 @@
 
 #include <QDir>
 #include <QSettings>
+#include <QVector>
 
 #include <algorithm>
-#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -23,7 +23,6 @@
 #include <optional>
 #include <sys/uio.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -56,8 +55,7 @@ int createFile(const QString& path)
     return ::open(path.toUtf8().constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, fileio::kFileMode);
 }
 
-// Writes a file under its pending name and renames it over its current name.
-Status install(const QString& pending, const QString& current, const iovec& bytes, bool sync)
+Status installFile(const QString& pending, const QString& current, const iovec& bytes, bool sync)
 {
     const int fd = createFile(pending);
     if (fd < 0)
@@ -98,16 +96,18 @@ private:
     Status write(int bucket, size_t size);
     Status complete();
     QString sourcePath(int number) const { return sourceFilePath(m_Host, m_Name, number); }
-    QString path(IndexFile file, Generation generation, int bucket) const
+    // Writes an index file under its pending name and renames it over its current name.
+    Status install(IndexFile file, int bucket, const iovec& bytes) const
     {
         const QString dir = file == IndexFile::Entry ? entryDirPath(m_Host, m_Name) : indexDirPath(m_Host, m_Name);
-        return dir + "/" + indexFileName(file, generation, bucket);
+        return installFile(dir + "/" + indexFileName(file, Generation::Pending, bucket),
+                           dir + "/" + indexFileName(file, Generation::Current, bucket), bytes, m_Sync);
     }
 
     const QString m_Host, m_Name;
     const bool m_Sync;
     int m_FirstOpened = 0;
-    std::vector<Source> m_Sources;  // file numbers from m_FirstOpened on
+    QVector<Source> m_Sources;  // file numbers from m_FirstOpened on
     std::optional<int> m_NewMarks[kBuckets];  // for the buckets the run wrote
     int m_StatusFd = -1;
     unsigned char m_StatusHead[kStatusHeadSize] = {};  // block offsets, 0 for a bucket not written
@@ -115,7 +115,7 @@ private:
     // The table, the key file's bytes (key list, group table), the payload
     // list. Only the pages a bucket uses are ever touched.
     std::unique_ptr<unsigned char[]> m_Buffer{
-        new (std::nothrow) unsigned char[kMaxTable + 14 * kMaxRecords + kGroupTableSize]};
+        new (std::nothrow) unsigned char[kMaxTable + (kKeySize + kPayloadSize) * kMaxRecords + kGroupTableSize]};
 };
 
 Status Database::index()
@@ -137,7 +137,7 @@ Status Database::index()
         parseProgressMarks(progress, marks);
     QSettings counts(dbCountFilePath(m_Host, m_Name), QSettings::IniFormat);
     const int dbCount = counts.value(QString(kDbCountSection) + "/" + m_Name.toUpper(), 0).toInt();
-    const int endFile = std::max(dbCount, INT_MIN + 1) - 1;  // files are merged up to DB-COUNT - 2
+    const int endFile = std::max(dbCount, 0) - 1;  // files are merged up to DB-COUNT - 2
 
     Status status = openSources(*std::min_element(std::begin(marks), std::end(marks)) + 1, endFile);
     for (int bucket = 0; bucket < kBuckets && status.isOk(); ++bucket) {
@@ -154,10 +154,10 @@ Status Database::index()
 Status Database::openSources(int firstFile, int endFile)
 {
     m_FirstOpened = firstFile;
-    m_Sources.resize(size_t(std::max(endFile - firstFile, 0)));
+    m_Sources.resize(std::max(endFile - firstFile, 0));
     Status status;
     for (int number = firstFile; number < endFile && status.isOk(); ++number) {
-        Source& file = m_Sources[size_t(number - firstFile)];
+        Source& file = m_Sources[number - firstFile];
         status = fileio::openForReading(sourcePath(number).toUtf8().constData(), &file.fd, &file.size);
         if (!status.isOk())
             file.fd = -1;
@@ -192,7 +192,7 @@ Status Database::collect(int bucket, int firstFile, int endFile, size_t* size)
     Status status = firstFile < endFile ? loadHelper(bucket, &cursor) : Status::ok();
     const size_t helperSize = cursor;
     for (int number = firstFile; number < endFile && status.isOk(); ++number) {
-        const Source& file = m_Sources[size_t(number - m_FirstOpened)];
+        const Source& file = m_Sources[number - m_FirstOpened];
         const uint64_t fileSize = uint64_t(file.size);
         // Bucket 0 starts at record 0; bucket 255 ends with the file's last whole record.
         const DWORD low = bucket == 0 ? 0 : readLE32(file.head + bucketStartSlotOffset(bucket));
@@ -221,14 +221,13 @@ Status Database::write(int bucket, size_t size)
     unsigned char* const payloads = groups + kGroupTableSize;
     sortEntryRecords(table, count);
     splitSortedTable(table, count, keys, payloads, groups);
-    const IndexFile files[] = {IndexFile::Key, IndexFile::Payload, IndexFile::Entry};
-    const iovec bytes[] = {{keys, keyFileSize(count)}, {payloads, payloadFileSize(count)}, {table, size}};
-    for (int i = 0; i < 3; ++i) {
-        const Status installed = install(path(files[i], Generation::Pending, bucket),
-                                         path(files[i], Generation::Current, bucket), bytes[i], m_Sync);
-        if (!installed.isOk())
-            return installed;
-    }
+    Status status = install(IndexFile::Key, bucket, {keys, keyFileSize(count)});
+    if (status.isOk())
+        status = install(IndexFile::Payload, bucket, {payloads, payloadFileSize(count)});
+    if (status.isOk())
+        status = install(IndexFile::Entry, bucket, {table, size});
+    if (!status.isOk())
+        return status;
 
     const QString pending = pendingStatusFilePath(m_Host, m_Name);
     if (m_StatusFd < 0 && (m_StatusFd = createFile(pending)) < 0)

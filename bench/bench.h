@@ -27,26 +27,19 @@ struct SyscallCounts {
 };
 
 enum Program { Indexer, Baseline, BaselineSync, ProgramCount };
-inline const char* programName(Program p)
-{
-    return p == Indexer ? "indexer" : p == Baseline ? "baseline" : "baseline --sync";
-}
+inline constexpr const char* kProgramNames[] = {"indexer", "baseline", "baseline --sync"};
 
 // A first run on files x records, or (again) a second run on that
 // installation once indexed, with newFiles more source files; and its figures.
 struct Case {
-    Case(int files, int records, bool again = false, int newFiles = 0, bool recordSeries = false,
-         bool fileSeries = false)
-        : files(files), records(records), again(again), newFiles(newFiles), recordSeries(recordSeries),
-          fileSeries(fileSeries)
+    Case(int files, int records, bool again = false, int newFiles = 0)
+        : files(files), records(records), again(again), newFiles(newFiles)
     {}
 
     int files;
     int records;  // per source file
     bool again;
     int newFiles;
-    bool recordSeries;  // a first run of the growth series by records per file
-    bool fileSeries;  // ... by source files
     QVector<Cost> costs[ProgramCount];
     std::optional<SyscallCounts> counts[ProgramCount];
 
@@ -64,7 +57,7 @@ struct Case {
     }
 };
 
-// Markdown tables of medians and ratios, memory, I/O, system calls and growth.
+// Markdown tables of medians and ratios, memory, I/O and system calls.
 // runnerRssKiB is the peak RSS of a trivial program run the same way.
 void printReport(const QVector<Case>& cases, int rounds, bool withSync, double runnerRssKiB);
 

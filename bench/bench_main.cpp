@@ -1,20 +1,16 @@
-// nxbench [--rounds N] [--no-sync] [--no-strace] [--quick] [--keep] [--work DIR]
+// nxbench [--rounds N] [--no-sync] [--no-strace] [--quick] [--work DIR]
 // measures the real nxindexer, its pause before every bucket removed, against
-// nxbaseline, the least work that gives the same output, on the cases of
-// Bench::prepareAll. In every round each program runs each case on its own copy
-// of the installation, in an order that alternates, under nxbenchrun; the
-// output trees must be byte-identical. A counting pass under strace follows.
-// The report (stdout) is Markdown, the progress goes to stderr. Exit status: 0
-// when every run succeeded and every output matched, 1 otherwise (the work
-// directory is kept, with the trees of a mismatch in r/), 2 on bad arguments.
+// nxbaseline, the least work that gives the same output: the report (Markdown)
+// on stdout, the progress on stderr. Exit status: 0 when every run succeeded and
+// every output matched, 1 otherwise (the work directory is kept), 2 on bad usage.
 #include "bench.h"
 
 #include "commonfun.h"
 #include "fileio.h"
 #include "indexformat.h"
-#include "status.h"
 #include "ynsample.h"
 
+#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
 #include <QDirIterator>
@@ -41,12 +37,9 @@ namespace {
 const char* const kDatabase = "wdx00";
 
 struct Options {
-    int rounds = 3;
-    bool sync = true;
-    bool strace = true;
-    bool quick = false;
-    bool keep = false;
-    QString work;
+    int rounds;
+    bool sync, strace, quick;
+    QString work;  // empty: a new directory in memory
 };
 
 struct Command {
@@ -59,26 +52,20 @@ void progress(const QString& text) { std::fprintf(stderr, "%s\n", qPrintable(tex
 
 std::optional<Options> parseOptions(const QStringList& args)
 {
-    Options options;
-    for (int i = 1; i < args.size(); ++i) {
-        const QString& arg = args[i];
-        bool valid = true;
-        if (arg == "--rounds" && i + 1 < args.size())
-            options.rounds = args[++i].toInt(&valid);
-        else if (arg == "--work" && i + 1 < args.size())
-            options.work = args[++i];
-        else if (arg == "--no-sync")
-            options.sync = false;
-        else if (arg == "--no-strace")
-            options.strace = false;
-        else if (arg == "--quick")
-            options.quick = true;
-        else if (arg == "--keep")
-            options.keep = true;
-        else
-            valid = false;
-        if (!valid || options.rounds < 1 || options.rounds > 100)
-            return std::nullopt;
+    QCommandLineParser parser;
+    parser.addOptions(
+        {{"rounds", "Rounds of measured runs per case.", "N", "3"},
+         {"no-sync", "Leave out the baseline with --sync."},
+         {"no-strace", "Leave out the system call counting pass."},
+         {"quick", "One small installation and its second runs: a check, not a measurement."},
+         {"work", "Work directory (default: a new one in /dev/shm, else in the temporary directory).", "DIR"}});
+    bool numeric = false;
+    const bool parsed = parser.parse(args) && parser.positionalArguments().isEmpty();
+    const Options options{parser.value("rounds").toInt(&numeric), !parser.isSet("no-sync"), !parser.isSet("no-strace"),
+                          parser.isSet("quick"), parser.value("work")};
+    if (!parsed || !numeric || options.rounds < 1 || options.rounds > 100) {
+        std::fputs(qPrintable(parser.helpText()), stderr);
+        return std::nullopt;
     }
     return options;
 }
@@ -89,60 +76,53 @@ QString loadAverage()
     return file.open(QIODevice::ReadOnly) ? QString(file.readAll()).section(' ', 0, 2) : QString("?");
 }
 
-Status readFile(const QString& path, QByteArray* contents)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return Status::error(ENOENT, "read " + path);
-    *contents = file.readAll();
-    return Status::ok();
-}
-
-// Runs a program to its end, its output passed through; an error unless it exits with 0.
+// Runs a program to its end, its output passed on to stderr (stdout is the
+// report's); an error unless it exits with 0.
 Status runProgram(const QString& program, const QStringList& args)
 {
     QProcess process;
-    process.setProcessChannelMode(QProcess::ForwardedChannels);
+    process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(program, args);
     if (!process.waitForStarted(-1))
         return Status::error(ENOEXEC, "start " + program + " (" + process.errorString() + ")");
     process.waitForFinished(-1);
+    std::fputs(process.readAll().constData(), stderr);
     if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0)
         return Status::error(ECHILD, QString("run %1 (exit status %2)").arg(program).arg(process.exitCode()));
     return Status::ok();
 }
 
-// Runs the command under nxbenchrun, which writes "name value" lines to resultFile.
-Status runMeasured(const Command& command, const QString& resultFile, Cost* cost)
+// Runs the command under nxbenchrun, which writes "name value" lines to
+// resultFile, and adds what the run cost to costs.
+Status runMeasured(const Command& command, const QString& resultFile, QVector<Cost>* costs)
 {
     QByteArray text;
     Status status = runProgram(NXBENCHRUN_PATH, QStringList{resultFile} << command.environment << "--"
                                                                         << command.program << command.args);
     if (status.isOk())
-        status = readFile(resultFile, &text);
+        status = fileio::readAll(resultFile, 1 << 16, &text);
     if (!status.isOk())
         return status;
     QMap<QString, double> values;
     for (const QByteArray& line : text.split('\n'))
-        if (const QList<QByteArray> fields = line.simplified().split(' '); fields.size() == 2)
+        if (const QList<QByteArray> fields = QByteArray(line).replace(':', ' ').simplified().split(' ');
+            fields.size() == 2)
             values[fields[0]] = fields[1].toDouble();
-    for (const char* needed : {"status", "wall_ns", "user_us", "sys_us", "maxrss_kib", "rchar", "wchar"})
-        if (!values.contains(needed))
-            return Status::error(EINVAL, QString("read %1 in %2").arg(needed, resultFile));
-    const int wait = int(values["status"]);
+    const int wait = int(values.value("status", -1));
     if (!WIFEXITED(wait) || WEXITSTATUS(wait) != 0)
         return Status::error(ECHILD, QString("run %1 (wait status %2)").arg(command.program).arg(wait));
-    *cost = {(values["user_us"] + values["sys_us"]) / 1e6,
-             values["wall_ns"] / 1e9,
-             values["maxrss_kib"],
-             values["rchar"],
-             values["wchar"],
-             values.value("write_bytes")};
+    *costs << Cost{(values["user_us"] + values["sys_us"]) / 1e6,
+                   values["wall_ns"] / 1e9,
+                   values["maxrss_kib"],
+                   values["rchar"],
+                   values["wchar"],
+                   values["write_bytes"]};
     return Status::ok();
 }
 
 // Runs the command under strace -f -c, which writes its summary to outputFile.
-Status runCounted(const QString& strace, const Command& command, const QString& outputFile, SyscallCounts* counts)
+Status runCounted(const QString& strace, const Command& command, const QString& outputFile,
+                  std::optional<SyscallCounts>* counts)
 {
     QStringList args{"-f", "-c", "-o", outputFile};
     for (const QString& assignment : command.environment)
@@ -150,37 +130,23 @@ Status runCounted(const QString& strace, const Command& command, const QString& 
     QByteArray text;
     Status status = runProgram(strace, args << "--" << command.program << command.args);
     if (status.isOk())
-        status = readFile(outputFile, &text);
+        status = fileio::readAll(outputFile, 1 << 20, &text);
     if (!status.isOk())
         return status;
     // The summary's rows end with "calls [errors] name"; the last is the total.
     const QRegularExpression row(R"(^\s*[\d.]+\s+[\d.]+\s+\d+\s+(\d+)\s+(?:\d+\s+)?(\w+)\s*$)");
     const QSet<QString> syncs{"fsync", "fdatasync", "sync_file_range", "syncfs", "sync"};
-    *counts = SyscallCounts();
+    SyscallCounts found;
     for (const QString& line : QString::fromUtf8(text).split('\n')) {
         const QRegularExpressionMatch match = row.match(line);
         const double calls = match.captured(1).toDouble();
         if (match.captured(2) == "total")
-            counts->total = calls;
+            found.total = calls;
         else if (syncs.contains(match.captured(2)))
-            counts->syncs += calls;
+            found.syncs += calls;
     }
-    return counts->total > 0 ? Status::ok() : Status::error(EINVAL, "read the strace summary " + outputFile);
-}
-
-// Every entry under root by its path from root ("/..."), a directory's with
-// a trailing "/".
-QStringList listTree(const QString& root)
-{
-    QStringList entries;
-    QDirIterator it(root, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
-                    QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QString path = it.next();
-        entries << path.mid(root.size()) + (it.fileInfo().isDir() && !it.fileInfo().isSymLink() ? "/" : "");
-    }
-    entries.sort();
-    return entries;
+    *counts = found;
+    return found.total > 0 ? Status::ok() : Status::error(EINVAL, "read the strace summary " + outputFile);
 }
 
 // Copies the tree at from to to: source files (.yn), which no program
@@ -189,45 +155,17 @@ Status copyTree(const QString& from, const QString& to)
 {
     if (!QDir().mkpath(to))
         return Status::error(EIO, "create " + to);
-    for (const QString& entry : listTree(from)) {
-        const QString source = from + entry, target = to + entry;
-        if (entry.endsWith('/') ? !QDir().mkpath(target)
-            : entry.endsWith(".yn")
+    // A directory comes before what it holds.
+    QDirIterator it(from, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString source = it.next(), target = to + source.mid(from.size());
+        if (it.fileInfo().isDir() ? !QDir().mkpath(target)
+            : source.endsWith(".yn")
                 ? ::link(QFile::encodeName(source).constData(), QFile::encodeName(target).constData()) != 0
                 : !QFile::copy(source, target))
             return Status::fromErrno("copy " + source + " to " + target);
     }
     return Status::ok();
-}
-
-// The differences between two trees: an entry in one only, a file whose
-// bytes differ and where.
-QStringList compareTrees(const QString& expected, const QString& actual)
-{
-    const QStringList a = listTree(expected), b = listTree(actual);
-    const QSet<QString> inA(a.begin(), a.end()), inB(b.begin(), b.end());
-    QStringList differences;
-    for (const QString& entry : b)
-        if (!inA.contains(entry))
-            differences << entry + ": only in " + actual;
-    for (const QString& entry : a) {
-        QByteArray left, right;
-        if (!inB.contains(entry)) {
-            differences << entry + ": only in " + expected;
-        } else if (entry.endsWith('/')) {
-            continue;
-        } else if (!readFile(expected + entry, &left).isOk() || !readFile(actual + entry, &right).isOk()) {
-            differences << entry + ": cannot be read";
-        } else if (left != right) {
-            const auto at = std::mismatch(left.begin(), left.end(), right.begin(), right.end()).first - left.begin();
-            differences << QString("%1: differs from byte %2 on (%3 and %4 bytes)")
-                               .arg(entry)
-                               .arg(at)
-                               .arg(left.size())
-                               .arg(right.size());
-        }
-    }
-    return differences;
 }
 
 class Bench
@@ -239,13 +177,12 @@ public:
 private:
     Status prepare(const Case& c, QString* input) const;
     Status prepareAll();
-    QString root(Program program) const { return m_Work + "/r/" + QString(programName(program)).remove(' '); }
+    QString root(Program program) const { return m_Work + "/r/" + QString(kProgramNames[program]).remove(' '); }
     QString host(Program program) const { return root(program) + "/db/txhost"; }
     Command command(Program program) const;
     Status freshCopy(Program program, const QString& input) const;
     Status compareOutputs(const Case& c) const;
-    Status measureRounds();
-    Status countCalls(const QString& strace);
+    Status runRound(int round, const QString& strace);
 
     const Options m_Options;
     const QString m_Work;
@@ -261,11 +198,7 @@ Status Bench::prepare(const Case& c, QString* input) const
 {
     *input = m_Work + "/gen/" + c.id();
     const QString host = *input + "/db/txhost";
-    ynsample::SampleOptions options;
-    options.types = {{"wdx", 1}};
-    options.files = c.files + c.newFiles;
-    options.recordsPerFile = c.records;
-    options.helpers = true;
+    const ynsample::SampleOptions options{{{"wdx", 1}}, c.files + c.newFiles, c.records, /*helpers=*/true};
     if (QFileInfo::exists(*input))
         return Status::ok();
     if (ynsample::findOversizedBucket(options))
@@ -298,13 +231,11 @@ Status Bench::prepare(const Case& c, QString* input) const
 Status Bench::prepareAll()
 {
     const int many = m_Options.quick ? 8 : 64, records = m_Options.quick ? 500 : 32768;
-    const bool series = !m_Options.quick;
-    QVector<QPair<int, int>> firstRuns{{many, records}};
-    if (series)
-        firstRuns = {
-            {many / 4, records}, {many, records}, {many * 4, records}, {many, records / 4}, {many, records * 4}};
-    for (const auto& [files, perFile] : firstRuns)
-        m_Cases << Case{files, perFile, false, 0, series && files == many, series && perFile == records};
+    if (!m_Options.quick)
+        m_Cases << Case{many / 4, records} << Case{many, records} << Case{many * 4, records} << Case{many, records / 4}
+                << Case{many, records * 4};
+    else
+        m_Cases << Case{many, records};
     m_Cases << Case{many, records, true, 0} << Case{many, records, true, 4};
     m_Programs = {Indexer, Baseline};
     if (m_Options.sync)
@@ -345,63 +276,46 @@ Status Bench::freshCopy(Program program, const QString& input) const
     return input.isEmpty() ? Status::ok() : copyTree(input + "/db/txhost", host(program));
 }
 
-// The baselines' trees against the indexer's.
+// The baselines' trees against the indexer's, byte for byte: diff names the
+// files that differ.
 Status Bench::compareOutputs(const Case& c) const
 {
-    for (Program program : m_Programs) {
-        const QStringList differences = program == Indexer ? QStringList() : compareTrees(host(Indexer), host(program));
-        if (!differences.isEmpty()) {
-            progress("*** " + differences.mid(0, 10).join("\n*** "));
+    for (Program program : m_Programs)
+        if (program != Indexer && !runProgram("diff", {"-r", "--brief", host(Indexer), host(program)}).isOk())
             return Status::error(EINVAL, QString("check %1: the output of %2 differs from the indexer's in %3/r")
-                                             .arg(c.label(), programName(program), m_Work));
-        }
-    }
+                                             .arg(c.label(), kProgramNames[program], m_Work));
     return Status::ok();
 }
 
-Status Bench::measureRounds()
+// One round: every case run by every program, each on its own copy, in an
+// order that alternates with the rounds; measured, or counted under strace.
+Status Bench::runRound(int round, const QString& strace)
 {
-    for (int round = 0; round < m_Options.rounds; ++round) {
-        // The order alternates, so that no program always runs first.
-        QVector<Program> order = m_Programs;
-        if (round % 2)
-            std::reverse(order.begin(), order.end());
-        for (int c = 0; c < m_Cases.size(); ++c) {
-            QStringList line;
-            for (Program program : order) {
-                Cost cost;
-                Status status = freshCopy(program, m_Inputs[c]);
-                if (status.isOk())
-                    status = runMeasured(command(program), m_Work + "/result", &cost);
-                if (!status.isOk())
-                    return status;
-                m_Cases[c].costs[program] << cost;
-                line << QString("%1 %2 s").arg(programName(program)).arg(cost.cpu, 0, 'f', 3);
-            }
-            if (const Status same = compareOutputs(m_Cases[c]); !same.isOk())
-                return same;
-            progress(QString("round %1/%2, %3: CPU %4, outputs identical")
-                         .arg(round + 1)
-                         .arg(m_Options.rounds)
-                         .arg(m_Cases[c].label(), line.join(", ")));
-        }
-    }
-    return Status::ok();
-}
-
-Status Bench::countCalls(const QString& strace)
-{
+    QVector<Program> order = m_Programs;
+    if (round % 2)
+        std::reverse(order.begin(), order.end());
     for (int c = 0; c < m_Cases.size(); ++c) {
-        for (Program program : m_Programs) {
-            SyscallCounts counts;
+        QStringList line;
+        for (Program program : order) {
+            Case& measured = m_Cases[c];
             Status status = freshCopy(program, m_Inputs[c]);
             if (status.isOk())
-                status = runCounted(strace, command(program), m_Work + "/strace.txt", &counts);
+                status = strace.isEmpty()
+                             ? runMeasured(command(program), m_Work + "/result", &measured.costs[program])
+                             : runCounted(strace, command(program), m_Work + "/strace.txt", &measured.counts[program]);
             if (!status.isOk())
                 return status;
-            m_Cases[c].counts[program] = counts;
+            if (strace.isEmpty())
+                line << QString("%1 %2 s")
+                            .arg(kProgramNames[program])
+                            .arg(measured.costs[program].last().cpu, 0, 'f', 3);
         }
-        progress("strace pass, " + m_Cases[c].label() + ": done");
+        if (const Status same = compareOutputs(m_Cases[c]); !same.isOk())
+            return same;
+        progress(
+            QString("%1, %2: %3, outputs identical")
+                .arg(strace.isEmpty() ? QString("round %1/%2").arg(round + 1).arg(m_Options.rounds) : "strace pass")
+                .arg(m_Cases[c].label(), strace.isEmpty() ? "CPU " + line.join(", ") : "counted"));
     }
     return Status::ok();
 }
@@ -415,14 +329,14 @@ Status Bench::run()
     if (m_Options.strace && strace.isEmpty())
         progress("nxbench: strace not found; no system call counts");
     // The floor of the peak RSS figures: a trivial program run the same way.
-    Cost trivial;
+    QVector<Cost> trivial;
     Status status = prepareAll();
     if (status.isOk())
         status = runMeasured({QStandardPaths::findExecutable("true"), {}, {}}, m_Work + "/result", &trivial);
-    if (status.isOk())
-        status = measureRounds();
+    for (int round = 0; round < m_Options.rounds && status.isOk(); ++round)
+        status = runRound(round, QString());
     if (status.isOk() && !strace.isEmpty())
-        status = countCalls(strace);
+        status = runRound(0, strace);
     if (!status.isOk())
         return status;
     for (Program program : m_Programs)
@@ -431,7 +345,7 @@ Status Bench::run()
                 "cache warm; one database per installation, helper files included.\n\n",
                 QThread::idealThreadCount(), qPrintable(QSysInfo::kernelType()), qPrintable(QSysInfo::kernelVersion()),
                 qPrintable(loadAtStart), qPrintable(loadAverage()), QStorageInfo(m_Work).fileSystemType().constData());
-    printReport(m_Cases, m_Options.rounds, m_Options.sync, trivial.maxRssKiB);
+    printReport(m_Cases, m_Options.rounds, m_Options.sync, trivial.first().maxRssKiB);
     std::printf("\nBenchmark time: %.0f s.\n", clock.elapsed() / 1000.0);
     return Status::ok();
 }
@@ -442,10 +356,8 @@ int main(int argc, char** argv)
 {
     QCoreApplication application(argc, argv);
     const std::optional<Options> options = parseOptions(application.arguments());
-    if (!options) {
-        std::fputs("usage: nxbench [--rounds N] [--no-sync] [--no-strace] [--quick] [--keep] [--work DIR]\n", stderr);
+    if (!options)
         return 2;
-    }
     // In memory by default: the programs' own work is measured, without the
     // disk's inode allocation and writeback, whose cost varies from run to run.
     const QString parent = QFileInfo("/dev/shm").isWritable() ? QString("/dev/shm") : QDir::tempPath();
@@ -460,9 +372,9 @@ int main(int argc, char** argv)
     const Status status = Bench(*options, work).run();
     if (!status.isOk())
         progress("nxbench: " + status.toString());
-    if (temporary)
-        temporary->setAutoRemove(status.isOk() && !options->keep);
-    if (!status.isOk() || options->keep)
-        progress("nxbench: work directory " + work);
+    if (temporary && !status.isOk()) {
+        temporary->setAutoRemove(false);
+        progress("nxbench: work directory kept: " + work);
+    }
     return status.isOk() ? 0 : 1;
 }

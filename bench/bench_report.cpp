@@ -1,5 +1,5 @@
 // The report: Markdown tables of medians and round-by-round ratios, memory,
-// I/O, system calls, and how CPU time grows with records and with files.
+// I/O and system calls.
 #include "bench.h"
 
 #include <QStringList>
@@ -78,37 +78,6 @@ void printTable(const QVector<Case>& cases, const QVector<Column>& columns)
     }
 }
 
-// Least-squares slope of log(cpu) against log(size): 1 for linear growth.
-double logSlope(const QVector<double>& size, const QVector<double>& cpu)
-{
-    double n = double(size.size()), sx = 0, sy = 0, sxx = 0, sxy = 0;
-    for (int i = 0; i < size.size(); ++i) {
-        const double x = std::log(size[i]), y = std::log(cpu[i]);
-        sx += x, sy += y, sxx += x * x, sxy += x * y;
-    }
-    return n < 2 || n * sxx == sx * sx ? NAN : (n * sxy - sx * sy) / (n * sxx - sx * sx);
-}
-
-void printGrowth(const QVector<Case>& cases)
-{
-    std::printf("\nGrowth of CPU time over the first runs: the least-squares slope of log(CPU) against log(size) "
-                "(1.00 = linear, 2.00 = quadratic; below 1 while a fixed cost dominates).\n\n"
-                "| Series | Indexer | Baseline |\n| --- | ---: | ---: |\n");
-    for (bool byRecords : {true, false}) {
-        QStringList row{byRecords ? "records per file" : "source files"};
-        for (Program p : {Indexer, Baseline}) {
-            QVector<double> size, cpu;
-            for (const Case& c : cases)
-                if (byRecords ? c.recordSeries : c.fileSeries) {
-                    size << (byRecords ? c.records : c.files);
-                    cpu << medianOf(c, p, &Cost::cpu);
-                }
-            row << number(logSlope(size, cpu), 2);
-        }
-        std::printf("| %s |\n", qPrintable(row.join(" | ")));
-    }
-}
-
 } // namespace
 
 void printReport(const QVector<Case>& cases, int rounds, bool withSync, double runnerRssKiB)
@@ -152,15 +121,13 @@ void printReport(const QVector<Case>& cases, int rounds, bool withSync, double r
     printTable(cases, memory);
     for (Program p : {Indexer, Baseline, BaselineSync})
         if (p != BaselineSync || withSync)
-            syscalls << countColumn(QString(programName(p)) + " syncs", p, 0,
+            syscalls << countColumn(QString(kProgramNames[p]) + " syncs", p, 0,
                                     [](const Case&, const SyscallCounts& n) { return n.syncs; });
     if (cases.first().counts[Indexer]) {
         std::printf("\nSystem calls of one run under `strace -f -c` (start-up included); per source file per bucket "
                     "= calls / (files merged x 256); syncs = fsync, fdatasync, sync_file_range, syncfs.\n\n");
         printTable(cases, syscalls);
     }
-    if (std::any_of(cases.begin(), cases.end(), [](const Case& c) { return c.recordSeries; }))
-        printGrowth(cases);
 }
 
 } // namespace nxbench

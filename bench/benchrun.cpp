@@ -1,12 +1,10 @@
-// nxbenchrun RESULT [NAME=VALUE]... -- PROGRAM [ARG]...: runs the program, the
-// pairs added to its environment and its stdout sent to /dev/null, and writes
-// "name value" lines to RESULT: status (the raw wait status), wall_ns, user_us,
-// sys_us, maxrss_kib, then those of /proc/<pid>/io (rchar, wchar, write_bytes,
-// ...), read after the program has exited and before it is reaped, when they
-// are complete. A program's peak RSS counts the pages it shared with the
-// process that forked it until it executed, so the benchmark forks every
-// program from this small process, which links the C library alone. Exit
-// status: 0 when RESULT was written, 2 on bad arguments or a failed run.
+// nxbenchrun RESULT [NAME=VALUE]... -- PROGRAM [ARG]...: runs the program with
+// the pairs added to its environment, stdout to /dev/null, and writes to RESULT
+// status (the wait status), wall_ns, user_us, sys_us, maxrss_kib and the lines
+// of /proc/<pid>/io, read once it has exited, before it is reaped. A program's
+// peak RSS counts the pages it shared with the process that forked it, so the
+// benchmark forks every program from this small process (C library only).
+// Exit status: 0 when RESULT was written, 2 otherwise.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -26,20 +24,6 @@ int fail(const char* what)
 {
     std::fprintf(stderr, "nxbenchrun: %s: %s\n", what, std::strerror(errno));
     return 2;
-}
-
-// The program's I/O counters as "name value" lines.
-void readIo(pid_t pid, char* io, size_t size)
-{
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/%d/io", int(pid));
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    const ssize_t got = fd >= 0 ? read(fd, io, size - 1) : -1;
-    if (fd >= 0)
-        close(fd);
-    io[got > 0 ? got : 0] = '\0';
-    for (char* c = io; *c; ++c)
-        *c = *c == ':' ? ' ' : *c;
 }
 
 } // namespace
@@ -72,8 +56,13 @@ int main(int argc, char** argv)
         if (errno != EINTR)
             return fail("waitid");
     clock_gettime(CLOCK_MONOTONIC, &end);
-    char io[1024];
-    readIo(pid, io, sizeof io);
+    char path[64], io[1024];
+    std::snprintf(path, sizeof path, "/proc/%d/io", int(pid));
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    const ssize_t got = fd >= 0 ? read(fd, io, sizeof io - 1) : -1;
+    io[got > 0 ? got : 0] = '\0';
+    if (fd >= 0)
+        close(fd);
     int status = 0;
     rusage usage = {};
     if (wait4(pid, &status, 0, &usage) != pid)
