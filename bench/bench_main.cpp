@@ -226,8 +226,8 @@ Status Bench::prepare(const Case& c, QString* input) const
 }
 
 // The cases and their installations, and the indexer copied into its root:
-// the growth series around 64 files of 32,768 records, then the two second
-// runs (--quick: one small first run and its second runs).
+// 16, 64 and 256 files of 32,768 records, 64 files of 8,192 and of 131,072,
+// then the two second runs (--quick: one small first run and its second runs).
 Status Bench::prepareAll()
 {
     const int many = m_Options.quick ? 8 : 64, records = m_Options.quick ? 500 : 32768;
