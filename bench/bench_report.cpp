@@ -2,6 +2,8 @@
 // I/O and system calls.
 #include "bench.h"
 
+#include "indexformat.h"
+
 #include <QStringList>
 
 #include <algorithm>
@@ -12,6 +14,9 @@
 namespace nxbench {
 
 namespace {
+
+// The programs' names at the head of a column.
+const char* const kTitles[] = {"Indexer", "Baseline", "Baseline --sync"};
 
 struct Column {
     QString title;
@@ -108,20 +113,20 @@ void printReport(const QVector<Case>& cases, int rounds, bool withSync, double r
                 runnerRssKiB / 1024);
     QVector<Column> memory{label}, syscalls{label};
     for (Program p : {Indexer, Baseline}) {
-        const QString name = p == Indexer ? "Indexer" : "Baseline";
+        const QString name = kTitles[p];
         memory << medianColumn(name + " RSS", p, &Cost::maxRssKiB, 1, 1.0 / 1024)
                << medianColumn(name + " read", p, &Cost::rchar, 1, 1e-6)
                << medianColumn(name + " written", p, &Cost::wchar, 1, 1e-6)
                << medianColumn(name + " to storage", p, &Cost::writeBytes, 1, 1e-6);
         syscalls << countColumn(name + " calls", p, 0, [](const Case&, const SyscallCounts& n) { return n.total; })
                  << countColumn("per file per bucket", p, 2, [](const Case& c, const SyscallCounts& n) {
-                        return c.filesMerged() > 0 ? n.total / (c.filesMerged() * 256.0) : NAN;
+                        return c.filesMerged() > 0 ? n.total / (c.filesMerged() * double(nxformat::kBucketCount)) : NAN;
                     });
     }
     printTable(cases, memory);
     for (Program p : {Indexer, Baseline, BaselineSync})
         if (p != BaselineSync || withSync)
-            syscalls << countColumn(QString(kProgramNames[p]) + " syncs", p, 0,
+            syscalls << countColumn(QString(kTitles[p]) + " syncs", p, 0,
                                     [](const Case&, const SyscallCounts& n) { return n.syncs; });
     if (cases.first().counts[Indexer]) {
         std::printf("\nSystem calls of one run under `strace -f -c` (start-up included); per source file per bucket "
