@@ -272,7 +272,7 @@ Status Database::complete()
     return written ? Status::ok() : Status::error(EIO, "write the INI files of " + m_Name);
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv)
 {

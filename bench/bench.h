@@ -61,6 +61,6 @@ struct Case {
 // runnerRssKiB is the peak RSS of a trivial program run the same way.
 void printReport(const QVector<Case>& cases, int rounds, bool withSync, double runnerRssKiB);
 
-} // namespace nxbench
+}  // namespace nxbench
 
 #endif

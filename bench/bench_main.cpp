@@ -97,8 +97,8 @@ Status runProgram(const QString& program, const QStringList& args)
 Status runMeasured(const Command& command, const QString& resultFile, QVector<Cost>* costs)
 {
     QByteArray text;
-    Status status = runProgram(NXBENCHRUN_PATH, QStringList{resultFile} << command.environment << "--"
-                                                                        << command.program << command.args);
+    Status status = runProgram(
+        NXBENCHRUN_PATH, QStringList{resultFile} << command.environment << "--" << command.program << command.args);
     if (status.isOk())
         status = fileio::readAll(resultFile, 1 << 16, &text);
     if (!status.isOk())
@@ -341,16 +341,17 @@ Status Bench::run()
         return status;
     for (Program program : m_Programs)
         freshCopy(program, QString());
-    std::printf("Machine: %d CPUs, %s %s; load average %s at the start, %s at the end. Work directory on %s, page "
-                "cache warm; one database per installation, helper files included.\n\n",
-                QThread::idealThreadCount(), qPrintable(QSysInfo::kernelType()), qPrintable(QSysInfo::kernelVersion()),
-                qPrintable(loadAtStart), qPrintable(loadAverage()), QStorageInfo(m_Work).fileSystemType().constData());
+    std::printf(
+        "Machine: %d CPUs, %s %s; load average %s at the start, %s at the end. Work directory on %s, page "
+        "cache warm; one database per installation, helper files included.\n\n",
+        QThread::idealThreadCount(), qPrintable(QSysInfo::kernelType()), qPrintable(QSysInfo::kernelVersion()),
+        qPrintable(loadAtStart), qPrintable(loadAverage()), QStorageInfo(m_Work).fileSystemType().constData());
     printReport(m_Cases, m_Options.rounds, m_Options.sync, trivial.first().maxRssKiB);
     std::printf("\nBenchmark time: %.0f s.\n", clock.elapsed() / 1000.0);
     return Status::ok();
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv)
 {

@@ -83,13 +83,14 @@ void printTable(const QVector<Case>& cases, const QVector<Column>& columns)
     }
 }
 
-} // namespace
+}  // namespace
 
 void printReport(const QVector<Case>& cases, int rounds, bool withSync, double runnerRssKiB)
 {
-    std::printf("CPU time (user + system) and wall time in seconds, medians of %d rounds; each ratio is the median "
-                "of the round-by-round ratios indexer / baseline.\n\n",
-                rounds);
+    std::printf(
+        "CPU time (user + system) and wall time in seconds, medians of %d rounds; each ratio is the median "
+        "of the round-by-round ratios indexer / baseline.\n\n",
+        rounds);
     const Column label{"Case", [](const Case& c) { return c.label(); }};
     QVector<Column> times{
         label,
@@ -107,10 +108,11 @@ void printReport(const QVector<Case>& cases, int rounds, bool withSync, double r
         times << medianColumn("Baseline --sync wall", BaselineSync, &Cost::wall, 3);
     printTable(cases, times);
 
-    std::printf("\nPeak RSS (MiB; a trivial program measures %.1f MiB the same way), bytes read and written through "
-                "system calls (MB, rchar and wchar of /proc/<pid>/io) and sent towards storage (MB, write_bytes), "
-                "medians.\n\n",
-                runnerRssKiB / 1024);
+    std::printf(
+        "\nPeak RSS (MiB; a trivial program measures %.1f MiB the same way), bytes read and written through "
+        "system calls (MB, rchar and wchar of /proc/<pid>/io) and sent towards storage (MB, write_bytes), "
+        "medians.\n\n",
+        runnerRssKiB / 1024);
     QVector<Column> memory{label}, syscalls{label};
     for (Program p : {Indexer, Baseline}) {
         const QString name = kTitles[p];
@@ -129,10 +131,11 @@ void printReport(const QVector<Case>& cases, int rounds, bool withSync, double r
             syscalls << countColumn(QString(kTitles[p]) + " syncs", p, 0,
                                     [](const Case&, const SyscallCounts& n) { return n.syncs; });
     if (cases.first().counts[Indexer]) {
-        std::printf("\nSystem calls of one run under `strace -f -c` (start-up included); per source file per bucket "
-                    "= calls / (files merged x 256); syncs = fsync, fdatasync, sync_file_range, syncfs.\n\n");
+        std::printf(
+            "\nSystem calls of one run under `strace -f -c` (start-up included); per source file per bucket "
+            "= calls / (files merged x 256); syncs = fsync, fdatasync, sync_file_range, syncfs.\n\n");
         printTable(cases, syscalls);
     }
 }
 
-} // namespace nxbench
+}  // namespace nxbench

@@ -26,7 +26,7 @@ int fail(const char* what)
     return 2;
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv)
 {

@@ -15,7 +15,7 @@ bool keepSyncs()
     return keep;
 }
 
-} // namespace
+}  // namespace
 
 void QThread::msleep(unsigned long) {}
 
