@@ -1,198 +1,84 @@
-// nxbaseline: the least work that gives the indexer's output, the yardstick
-// of the benchmark. It walks the same databases as nxindexer, reads every new
-// source record once (each source file's bucket start table once per
-// database, then each bucket's range with one read straight into the bucket's
-// table), sorts each bucket with the indexer's stable radix sort (the least
-// work its order needs), writes the same key, payload, entry and status
-// bytes, each file once, and the helper progress file and the SBF size
-// record once per database with QSettings, so that their text is the
-// indexer's.
-//
-//   nxbaseline [--sync] HOST
-//
-// HOST is the DB host directory (<root>/db/txhost). With --sync every file is
-// fdatasync'ed before the rename that installs it, and the directories that
-// received them are fsync'ed before the progress file records the new marks.
-//
-// It serves the benchmark only: it expects well-formed source files and stops
-// with a message on anything else (bucket start table past the file, a bucket
-// too large), where the indexer would log and go on. Exit status: 0 done,
-// 1 failed (one line on stderr), 2 bad arguments.
+// nxbaseline [--sync] HOST: the least work that gives the indexer's output in
+// the DB host directory HOST, the benchmark's yardstick. Per database each
+// source file's start table is read once; per bucket, one pread per file, the
+// indexer's sort, each index file and the status block written once; then the
+// status file's head and the INI files. --sync adds an fdatasync of every file
+// before its rename and an fsync of the directories before the INI files: the
+// indexer's guarantees with the fewest syncs. Input is expected well-formed (no
+// file missing, helper files of whole records); anything else stops it.
+#include "fileio.h"
 #include "indexformat.h"
+#include "status.h"
 
 #include <QDir>
-#include <QFile>
 #include <QSettings>
-#include <QString>
+#include <QVector>
 
 #include <algorithm>
-#include <cerrno>
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <new>
-#include <sys/resource.h>
-#include <sys/stat.h>
+#include <optional>
 #include <sys/uio.h>
 #include <unistd.h>
-#include <vector>
-
-using nxformat::Generation;
-using nxformat::IndexFile;
 
 namespace {
 
-constexpr int kBucketCount = nxformat::kBucketCount;
-constexpr int kDbNameSize = 10;
+using namespace nxformat;
 
-bool fail(const char* what, const QString& path)
+constexpr int kBuckets = kBucketCount;
+constexpr size_t kMaxRecords = kMaxBucketRecords;
+constexpr size_t kMaxTable = kMaxRecords * kRecordSize;
+
+// The outcome of a read or write that had to move wanted bytes.
+Status moved(ssize_t done, size_t wanted, const QString& what)
 {
-    std::fprintf(stderr, "nxbaseline: %s: %s: %s\n", what, path.toUtf8().constData(), std::strerror(errno));
-    return false;
+    if (done < 0)
+        return Status::fromErrno(what);
+    return size_t(done) == wanted ? Status::ok() : Status::error(EIO, what + " (short)");
 }
 
-bool exists(const QString& path)
+// Closes fd after what was done with it, synced first when asked.
+Status closeFile(int fd, Status status, bool sync, const QString& path)
 {
-    struct stat info;
-    return ::stat(path.toUtf8().constData(), &info) == 0;
+    if (status.isOk() && sync && ::fdatasync(fd) != 0)
+        status = Status::fromErrno("fdatasync " + path);
+    if (::close(fd) != 0 && status.isOk())
+        status = Status::fromErrno("close " + path);
+    return status;
 }
 
-bool ensureDirectory(const QString& path)
+int createFile(const QString& path)
 {
-    if (::mkdir(path.toUtf8().constData(), 0777) == 0 || errno == EEXIST)
-        return true;
-    return fail("cannot create directory", path);
+    return ::open(path.toUtf8().constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, fileio::kFileMode);
 }
 
-bool syncDirectory(const QString& path)
+Status installFile(const QString& pending, const QString& current, const iovec& bytes, bool sync)
 {
-    int fd = ::open(path.toUtf8().constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int fd = createFile(pending);
     if (fd < 0)
-        return fail("cannot open directory", path);
-    bool synced = ::fsync(fd) == 0;
-    ::close(fd);
-    return synced || fail("cannot sync directory", path);
+        return Status::fromErrno("open " + pending);
+    const Status written = moved(::write(fd, bytes.iov_base, bytes.iov_len), bytes.iov_len, "write " + pending);
+    const Status status = closeFile(fd, written, sync, pending);
+    return status.isOk() ? fileio::renameFile(pending, current) : status;
 }
 
-// Reads exactly length bytes at offset; false on an error or a short file.
-bool readAt(int fd, unsigned char* buffer, size_t length, off_t offset)
-{
-    while (length > 0) {
-        ssize_t got = ::pread(fd, buffer, length, offset);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            return false;
-        buffer += got;
-        length -= size_t(got);
-        offset += got;
-    }
-    return true;
-}
-
-// Writes the parts at offset (or at the file position when offset is -1).
-bool writeParts(int fd, iovec* parts, int count, off_t offset)
-{
-    while (count > 0) {
-        ssize_t put = offset < 0 ? ::writev(fd, parts, count) : ::pwritev(fd, parts, count, offset);
-        if (put < 0 && errno == EINTR)
-            continue;
-        if (put <= 0)
-            return false;
-        if (offset >= 0)
-            offset += put;
-        while (count > 0 && size_t(put) >= parts->iov_len) {
-            put -= ssize_t(parts->iov_len);
-            ++parts;
-            --count;
-        }
-        if (count > 0) {
-            parts->iov_base = static_cast<char*>(parts->iov_base) + put;
-            parts->iov_len -= size_t(put);
-        }
-    }
-    return true;
-}
-
-// Writes a file under its pending name and renames it to its current name,
-// which replaces the previous version in one step.
-bool installFile(const QString& pending, const QString& current, iovec* parts, int count, bool sync)
-{
-    const QByteArray pendingPath = pending.toUtf8();
-    int fd = ::open(pendingPath.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd < 0)
-        return fail("cannot create", pending);
-    bool written = writeParts(fd, parts, count, -1) && (!sync || ::fdatasync(fd) == 0);
-    written = ::close(fd) == 0 && written;
-    if (!written)
-        return fail("cannot write", pending);
-    if (::rename(pendingPath.constData(), current.toUtf8().constData()) != 0)
-        return fail("cannot rename", pending);
-    return true;
-}
-
-// The marks the indexer's reader takes from the helper progress file: the
-// first line is skipped, then the n-th key line must carry bucket n; the
-// first key that is missing or out of place leaves its slot and (for a line
-// without "=") every later slot at -1.
-void readProgressMarks(const QString& path, int* marks)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return;
-    nxformat::parseProgressMarks(file.readAll(), marks);
-}
-
-struct SourceFile {
+struct Source {
     int fd = -1;
-    uint64_t size = 0;
-    DWORD starts[kBucketCount] = {};  // bucket start table; slot 0 is not used
+    qint64 size = 0;
+    unsigned char head[kSourceHeadSize];
 };
 
-struct Range {
-    DWORD low = 0;
-    DWORD high = 0;
-};
-
-Range bucketRange(const SourceFile& source, int bucket)
-{
-    Range range;
-    range.low = bucket == 0 ? 0 : source.starts[bucket];
-    range.high = bucket == kBucketCount - 1
-                     ? DWORD(std::min<uint64_t>(nxformat::sourceWholeRecords(source.size), UINT32_MAX))
-                     : source.starts[bucket + 1];
-    return range;
-}
-
-// A growing heap buffer whose bytes are not cleared: every byte that is used
-// is written first.
-class Buffer
-{
-public:
-    unsigned char* reserve(size_t size)
-    {
-        if (size > m_Capacity) {
-            m_Data.reset(new (std::nothrow) unsigned char[size]);
-            m_Capacity = m_Data ? size : 0;
-        }
-        return m_Data.get();  // null when the allocation failed
-    }
-
-private:
-    std::unique_ptr<unsigned char[]> m_Data;
-    size_t m_Capacity = 0;
-};
-
+// One database's run; its descriptors close with it.
 class Database
 {
 public:
     Database(const QString& host, const QString& name, bool sync) : m_Host(host), m_Name(name), m_Sync(sync) {}
     ~Database()
     {
-        for (SourceFile& source : m_Sources)
+        for (const Source& source : m_Sources)
             if (source.fd >= 0)
                 ::close(source.fd);
         if (m_StatusFd >= 0)
@@ -201,292 +87,210 @@ public:
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
 
-    bool index();
+    Status index();
 
 private:
-    bool openSources(int firstFile, int endFile);
-    bool indexBucket(int bucket, int firstFile, int endFile);
-    bool appendBlock(int bucket, DWORD count, unsigned char* groupTable, unsigned char* keyList);
-    bool complete();
-    QString bucketName(int bucket) const { return m_Name + QString::asprintf(" bucket %02x", bucket); }
+    Status openSources(int firstFile, int endFile);
+    Status loadHelper(int bucket, size_t* size);
+    Status collect(int bucket, int firstFile, int endFile, size_t* size);
+    Status write(int bucket, size_t size);
+    Status complete();
+    QString sourcePath(int number) const { return sourceFilePath(m_Host, m_Name, number); }
+    // Writes an index file under its pending name and renames it over its current name.
+    Status install(IndexFile file, int bucket, const iovec& bytes) const
+    {
+        const QString dir = file == IndexFile::Entry ? entryDirPath(m_Host, m_Name) : indexDirPath(m_Host, m_Name);
+        return installFile(dir + "/" + indexFileName(file, Generation::Pending, bucket),
+                           dir + "/" + indexFileName(file, Generation::Current, bucket), bytes, m_Sync);
+    }
 
-    QString m_Host;
-    QString m_Name;
-    bool m_Sync;
+    const QString m_Host, m_Name;
+    const bool m_Sync;
     int m_FirstOpened = 0;
-    std::vector<SourceFile> m_Sources;  // file numbers from m_FirstOpened on; fd -1 when missing
-    int m_Marks[kBucketCount];
-    int m_NewMarks[kBucketCount];
-    bool m_Written[kBucketCount] = {};
-    DWORD m_Offsets[kBucketCount] = {};
+    QVector<Source> m_Sources;  // file numbers from m_FirstOpened on
+    std::optional<int> m_NewMarks[kBuckets];  // for the buckets the run wrote
     int m_StatusFd = -1;
-    uint64_t m_StatusEnd = nxformat::kStatusHeadSize;
-    Buffer m_Table;
-    Buffer m_KeyList;
-    Buffer m_PayloadList;
+    unsigned char m_StatusHead[kStatusHeadSize] = {};  // block offsets, 0 for a bucket not written
+    DWORD m_StatusEnd = kStatusHeadSize;  // 256 blocks of 65,535 keys stay far below 4 GiB
+    // The table, the key file's bytes (key list, group table), the payload
+    // list. Only the pages a bucket uses are ever touched.
+    std::unique_ptr<unsigned char[]> m_Buffer{
+        new (std::nothrow) unsigned char[kMaxTable + (kKeySize + kPayloadSize) * kMaxRecords + kGroupTableSize]};
 };
 
-bool Database::index()
+Status Database::index()
 {
-    const QString helperRoot = m_Host + "/hl";
-    if (!ensureDirectory(helperRoot) || !ensureDirectory(m_Host + "/idxn") ||
-        !ensureDirectory(nxformat::indexDirPath(m_Host, m_Name)) ||
-        !ensureDirectory(nxformat::helperDirPath(m_Host, m_Name)) ||
-        !ensureDirectory(nxformat::entryDirPath(m_Host, m_Name)))
-        return false;
-
+    if (!QDir().mkpath(indexDirPath(m_Host, m_Name)) || !QDir().mkpath(entryDirPath(m_Host, m_Name)))
+        return Status::error(EIO, "create the index directories of " + m_Name);
     // The newest volume of a DB type counts only from its file 0001 on.
-    const QString type = m_Name.left(m_Name.size() - 2);
-    const int volume = m_Name.right(2).toInt();
-    const bool closed = exists(QString::asprintf("%s/idxnd/%s%02d0000.yn", m_Host.toUtf8().constData(),
-                                                 type.toUtf8().constData(), volume + 1));
-    if (!closed && !exists(nxformat::sourceFilePath(m_Host, m_Name, 1)))
-        return true;
+    const QString next = QString::asprintf("%s%02d", qPrintable(m_Name.chopped(2)), m_Name.right(2).toInt() + 1);
+    if (!fileio::exists(sourceFilePath(m_Host, next, 0).toUtf8().constData()) &&
+        !fileio::exists(sourcePath(1).toUtf8().constData()))
+        return Status::ok();
+    if (!m_Buffer)
+        return Status::error(ENOMEM, "allocate the bucket buffer");
 
-    std::fill(std::begin(m_Marks), std::end(m_Marks), -1);
-    readProgressMarks(nxformat::helperProgressPath(m_Host, m_Name), m_Marks);
-    QSettings counts(nxformat::dbCountFilePath(m_Host, m_Name), QSettings::IniFormat);
-    const int dbCount = counts.value(QString(nxformat::kDbCountSection) + "/" + m_Name.toUpper(), 0).toInt();
-    // Files are merged up to DB-COUNT - 2.
-    const int endFile = int(std::max<int64_t>(int64_t(dbCount) - 1, INT_MIN));
+    int marks[kBuckets];
+    std::fill(std::begin(marks), std::end(marks), -1);
+    QByteArray progress;
+    if (fileio::readAll(helperProgressPath(m_Host, m_Name), 1 << 20, &progress).isOk())
+        parseProgressMarks(progress, marks);
+    QSettings counts(dbCountFilePath(m_Host, m_Name), QSettings::IniFormat);
+    const int dbCount = counts.value(QString(kDbCountSection) + "/" + m_Name.toUpper(), 0).toInt();
+    const int endFile = std::max(dbCount, 0) - 1;  // files are merged up to DB-COUNT - 2
 
-    const int firstOfAll = *std::min_element(std::begin(m_Marks), std::end(m_Marks)) + 1;
-    if (!openSources(firstOfAll, endFile))
-        return false;
-    for (int bucket = 0; bucket < kBucketCount; ++bucket)
-        if (!indexBucket(bucket, m_Marks[bucket] + 1, endFile))
-            return false;
-    return complete();
+    Status status = openSources(*std::min_element(std::begin(marks), std::end(marks)) + 1, endFile);
+    for (int bucket = 0; bucket < kBuckets && status.isOk(); ++bucket) {
+        size_t size = 0;
+        status = collect(bucket, marks[bucket] + 1, endFile, &size);
+        if (status.isOk() && size > 0) {
+            status = write(bucket, size);
+            m_NewMarks[bucket] = endFile - 1;
+        }
+    }
+    return status.isOk() ? complete() : status;
 }
 
-bool Database::openSources(int firstFile, int endFile)
+Status Database::openSources(int firstFile, int endFile)
 {
     m_FirstOpened = firstFile;
-    if (endFile <= firstFile)
-        return true;
-    m_Sources.resize(endFile - firstFile);
-    for (int number = firstFile; number < endFile; ++number) {
-        const QString path = nxformat::sourceFilePath(m_Host, m_Name, number);
-        SourceFile& source = m_Sources[number - firstFile];
-        source.fd = ::open(path.toUtf8().constData(), O_RDONLY | O_CLOEXEC);
-        if (source.fd < 0) {
-            if (errno == ENOENT)
-                continue;  // a missing file is skipped, as the indexer does
-            return fail("cannot open", path);
-        }
-        struct stat info;
-        unsigned char head[nxformat::kSourceHeadSize];
-        if (::fstat(source.fd, &info) != 0 || !readAt(source.fd, head, sizeof head, 0))
-            return fail("cannot read the bucket start table of", path);
-        source.size = uint64_t(info.st_size);
-        for (int bucket = 1; bucket < kBucketCount; ++bucket)
-            source.starts[bucket] = nxformat::readLE32(head + nxformat::bucketStartSlotOffset(bucket));
+    m_Sources.resize(std::max(endFile - firstFile, 0));
+    Status status;
+    for (int number = firstFile; number < endFile && status.isOk(); ++number) {
+        Source& file = m_Sources[number - firstFile];
+        status = fileio::openForReading(sourcePath(number).toUtf8().constData(), &file.fd, &file.size);
+        if (!status.isOk())
+            file.fd = -1;
+        else
+            status = moved(::pread(file.fd, file.head, sizeof file.head, 0), sizeof file.head,
+                           "read the start table of " + sourcePath(number));
     }
-    return true;
+    return status;
 }
 
-bool Database::indexBucket(int bucket, int firstFile, int endFile)
+// Reads the bucket's helper file, if it has one, into the head of the table.
+Status Database::loadHelper(int bucket, size_t* size)
 {
-    uint64_t total = 0;
-    for (int number = firstFile; number < endFile; ++number) {
-        const SourceFile& source = m_Sources[number - m_FirstOpened];
-        if (source.fd < 0)
-            continue;
-        const Range range = bucketRange(source, bucket);
-        if (!nxformat::sourceRangeIsValid(range.low, range.high, source.size)) {
-            errno = EINVAL;
-            return fail("corrupt bucket start table", nxformat::sourceFilePath(m_Host, m_Name, number));
-        }
-        total += uint64_t(range.high - range.low) * nxformat::kRecordSize;
-    }
-    if (total == 0)
-        return true;
+    const QString path = helperFilePath(m_Host, m_Name, bucket);
+    int fd = -1;
+    qint64 fileSize = 0;
+    const Status opened = fileio::openForReading(path.toUtf8().constData(), &fd, &fileSize);
+    if (!opened.isOk())
+        return opened.code() == ENOENT ? Status::ok() : opened;
+    *size = size_t(fileSize);
+    const Status read = fileSize > qint64(kMaxTable) || fileSize % kRecordSize != 0
+                            ? Status::error(EINVAL, "index " + path + " (too large, or a part record)")
+                            : moved(::pread(fd, m_Buffer.get(), *size, 0), *size, "read " + path);
+    return closeFile(fd, read, false, path);
+}
 
-    const QString helperPath = nxformat::helperFilePath(m_Host, m_Name, bucket);
-    int helperFd = ::open(helperPath.toUtf8().constData(), O_RDONLY | O_CLOEXEC);
-    if (helperFd < 0 && errno != ENOENT)
-        return fail("cannot open", helperPath);
-    struct stat helperInfo = {};
-    if (helperFd >= 0 && ::fstat(helperFd, &helperInfo) != 0) {
-        ::close(helperFd);
-        return fail("cannot read", helperPath);
-    }
-    const uint64_t helperSize = helperFd >= 0 ? uint64_t(helperInfo.st_size) : 0;
-    total += helperSize;
-    if (total / nxformat::kRecordSize > nxformat::kMaxBucketRecords) {
-        if (helperFd >= 0)
-            ::close(helperFd);
-        errno = EFBIG;
-        return fail("bucket too large", bucketName(bucket));
-    }
-
-    // Helper bytes first, then each file's range from the last whole helper
-    // record on; the 0 to 15 bytes of a helper file's part record that the
-    // first range does not overwrite are zero at the table's end.
-    unsigned char* table = m_Table.reserve(size_t(total));
-    if (!table) {
-        if (helperFd >= 0)
-            ::close(helperFd);
-        errno = ENOMEM;
-        return fail("cannot allocate the table of", bucketName(bucket));
-    }
-    bool read = helperFd < 0 || readAt(helperFd, table, size_t(helperSize), 0);
-    if (helperFd >= 0)
-        ::close(helperFd);
-    if (!read)
-        return fail("cannot read", helperPath);
-    uint64_t cursor = helperSize & ~uint64_t(nxformat::kRecordSize - 1);
-    std::memset(table + total - (helperSize - cursor), 0, size_t(helperSize - cursor));
-    for (int number = firstFile; number < endFile; ++number) {
-        const SourceFile& source = m_Sources[number - m_FirstOpened];
-        if (source.fd < 0)
-            continue;
-        const Range range = bucketRange(source, bucket);
-        const size_t length = size_t(range.high - range.low) * nxformat::kRecordSize;
-        if (length > 0 && !readAt(source.fd, table + cursor, length, off_t(nxformat::sourceRecordOffset(range.low))))
-            return fail("cannot read", nxformat::sourceFilePath(m_Host, m_Name, number));
+// Loads the bucket's table: the helper file's records, then the bucket's
+// range of each file to merge. *size stays 0 when the files hold none.
+Status Database::collect(int bucket, int firstFile, int endFile, size_t* size)
+{
+    size_t cursor = 0;
+    Status status = firstFile < endFile ? loadHelper(bucket, &cursor) : Status::ok();
+    const size_t helperSize = cursor;
+    for (int number = firstFile; number < endFile && status.isOk(); ++number) {
+        const Source& file = m_Sources[number - m_FirstOpened];
+        const uint64_t fileSize = uint64_t(file.size);
+        // Bucket 0 starts at record 0; bucket 255 ends with the file's last whole record.
+        const DWORD low = bucket == 0 ? 0 : readLE32(file.head + bucketStartSlotOffset(bucket));
+        const DWORD high = bucket == kBuckets - 1 ? DWORD(std::min<uint64_t>(sourceWholeRecords(fileSize), UINT32_MAX))
+                                                  : readLE32(file.head + bucketStartSlotOffset(bucket + 1));
+        const size_t length = size_t(high - low) * kRecordSize;
+        if (!sourceRangeIsValid(low, high, fileSize) || length > kMaxTable - cursor)
+            status = Status::error(EINVAL, QString::asprintf("index bucket %02x of ", bucket) + sourcePath(number));
+        else if (length > 0)
+            status = moved(::pread(file.fd, m_Buffer.get() + cursor, length, off_t(sourceRecordOffset(low))), length,
+                           "read " + sourcePath(number));
         cursor += length;
     }
-
-    const DWORD count = DWORD(total / nxformat::kRecordSize);
-    nxformat::sortEntryRecords(table, count);
-    const size_t keyListSize = size_t(nxformat::kKeySize) * count;
-    const size_t payloadListSize = size_t(nxformat::kPayloadSize) * count;
-    unsigned char* keyList = m_KeyList.reserve(keyListSize);
-    unsigned char* payloadList = m_PayloadList.reserve(payloadListSize);
-    if (!keyList || !payloadList) {
-        errno = ENOMEM;
-        return fail("cannot allocate the lists of", bucketName(bucket));
-    }
-    unsigned char groupTable[nxformat::kGroupTableSize];
-    nxformat::splitSortedTable(table, count, keyList, payloadList, groupTable);
-
-    auto path = [&](IndexFile file, Generation generation) {
-        const QString dir = file == IndexFile::Entry ? nxformat::entryDirPath(m_Host, m_Name)
-                                                     : nxformat::indexDirPath(m_Host, m_Name);
-        return dir + "/" + nxformat::indexFileName(file, generation, bucket);
-    };
-    iovec keyFile[] = {{keyList, keyListSize}, {groupTable, sizeof groupTable}};
-    iovec payloadFile[] = {{payloadList, payloadListSize}};
-    iovec entryFile[] = {{table, size_t(total)}};
-    if (!installFile(path(IndexFile::Key, Generation::Pending), path(IndexFile::Key, Generation::Current), keyFile,
-                     2, m_Sync) ||
-        !installFile(path(IndexFile::Payload, Generation::Pending), path(IndexFile::Payload, Generation::Current),
-                     payloadFile, 1, m_Sync) ||
-        !installFile(path(IndexFile::Entry, Generation::Pending), path(IndexFile::Entry, Generation::Current),
-                     entryFile, 1, m_Sync) ||
-        !appendBlock(bucket, count, groupTable, keyList))
-        return false;
-    m_Written[bucket] = true;
-    m_NewMarks[bucket] = std::max(firstFile, endFile) - 1;
-    return true;
+    *size = status.isOk() && cursor > helperSize ? cursor : 0;
+    return status;
 }
 
-bool Database::appendBlock(int bucket, DWORD count, unsigned char* groupTable, unsigned char* keyList)
+// Sorts the table, installs the bucket's three files and appends its block to
+// the status file.
+Status Database::write(int bucket, size_t size)
 {
-    const QString path = nxformat::pendingStatusFilePath(m_Host, m_Name);
-    if (m_StatusFd < 0) {
-        m_StatusFd = ::open(path.toUtf8().constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-        if (m_StatusFd < 0)
-            return fail("cannot create", path);
-    }
-    if (m_StatusEnd + nxformat::bucketBlockSize(count) > UINT32_MAX) {
-        errno = EFBIG;
-        return fail("status file too large", path);
-    }
-    unsigned char countBytes[nxformat::kBlockCountSize];
-    nxformat::writeLE32(countBytes, count);
-    iovec block[] = {{countBytes, sizeof countBytes},
-                     {groupTable, nxformat::kGroupTableSize},
-                     {keyList, size_t(nxformat::kKeySize) * count}};
-    if (!writeParts(m_StatusFd, block, 3, off_t(m_StatusEnd)))
-        return fail("cannot write", path);
-    m_Offsets[bucket] = DWORD(m_StatusEnd);
-    m_StatusEnd += nxformat::bucketBlockSize(count);
-    return true;
+    const DWORD count = DWORD(size / kRecordSize);
+    unsigned char* const table = m_Buffer.get();
+    unsigned char* const keys = table + size;
+    unsigned char* const groups = keys + kKeySize * count;
+    unsigned char* const payloads = groups + kGroupTableSize;
+    sortEntryRecords(table, count);
+    splitSortedTable(table, count, keys, payloads, groups);
+    Status status = install(IndexFile::Key, bucket, {keys, keyFileSize(count)});
+    if (status.isOk())
+        status = install(IndexFile::Payload, bucket, {payloads, payloadFileSize(count)});
+    if (status.isOk())
+        status = install(IndexFile::Entry, bucket, {table, size});
+    if (!status.isOk())
+        return status;
+
+    const QString pending = pendingStatusFilePath(m_Host, m_Name);
+    if (m_StatusFd < 0 && (m_StatusFd = createFile(pending)) < 0)
+        return Status::fromErrno("open " + pending);
+    unsigned char countBytes[kBlockCountSize];
+    writeLE32(countBytes, count);
+    const iovec block[] = {{countBytes, sizeof countBytes}, {groups, kGroupTableSize}, {keys, kKeySize * count}};
+    const DWORD offset = m_StatusEnd;
+    writeLE32(m_StatusHead + sizeof(DWORD) * bucket, offset);
+    m_StatusEnd += bucketBlockSize(count);
+    return moved(::pwritev(m_StatusFd, block, 3, offset), m_StatusEnd - offset, "write " + pending);
 }
 
-bool Database::complete()
+// Writes the status file's head, installs the file, then writes the INI files.
+Status Database::complete()
 {
     if (m_StatusFd < 0)
-        return true;  // nothing new: no file of the index changes
-    const QString pending = nxformat::pendingStatusFilePath(m_Host, m_Name);
-    unsigned char head[nxformat::kStatusHeadSize];
-    for (int bucket = 0; bucket < kBucketCount; ++bucket)
-        nxformat::writeLE32(head + 4 * bucket, m_Offsets[bucket]);
-    iovec headPart[] = {{head, sizeof head}};
-    bool written = writeParts(m_StatusFd, headPart, 1, 0) && (!m_Sync || ::fdatasync(m_StatusFd) == 0);
-    written = ::close(m_StatusFd) == 0 && written;
+        return Status::ok();  // nothing new: no file of the index changes
+    const QString pending = pendingStatusFilePath(m_Host, m_Name);
+    Status status =
+        moved(::pwrite(m_StatusFd, m_StatusHead, sizeof m_StatusHead, 0), sizeof m_StatusHead, "write " + pending);
+    status = closeFile(m_StatusFd, status, m_Sync, pending);
     m_StatusFd = -1;
-    if (!written)
-        return fail("cannot write", pending);
-    if (::rename(pending.toUtf8().constData(), nxformat::statusFilePath(m_Host, m_Name).toUtf8().constData()) != 0)
-        return fail("cannot rename", pending);
-    if (m_Sync && !(syncDirectory(nxformat::indexDirPath(m_Host, m_Name)) &&
-                    syncDirectory(nxformat::entryDirPath(m_Host, m_Name)) && syncDirectory(m_Host)))
-        return false;
+    if (status.isOk())
+        status = fileio::renameFile(pending, statusFilePath(m_Host, m_Name));
+    for (const QString& dir : {indexDirPath(m_Host, m_Name), entryDirPath(m_Host, m_Name), m_Host})
+        if (status.isOk() && m_Sync)
+            status = fileio::syncDirectory(dir);
+    if (!status.isOk())
+        return status;
 
-    QSettings sizeRecord(nxformat::sbfSizeRecordPath(m_Host), QSettings::IniFormat);
-    sizeRecord.beginGroup(nxformat::kSbfSizeSection);
-    sizeRecord.setValue(nxformat::sbfSizeKey(m_Name), nxformat::sbfSizeValue(int(m_StatusEnd)));
-    sizeRecord.endGroup();
+    QSettings sizeRecord(sbfSizeRecordPath(m_Host), QSettings::IniFormat);
+    sizeRecord.setValue(QString(kSbfSizeSection) + "/" + sbfSizeKey(m_Name), sbfSizeValue(int(m_StatusEnd)));
+    QSettings progress(helperProgressPath(m_Host, m_Name), QSettings::IniFormat);
+    for (int bucket = 0; bucket < kBuckets; ++bucket)
+        if (m_NewMarks[bucket])
+            progress.setValue(QString::asprintf("%s/%02x", kHelperProgressSection, bucket),
+                              QString::asprintf("%02d", *m_NewMarks[bucket]));
     sizeRecord.sync();
-
-    QSettings progress(nxformat::helperProgressPath(m_Host, m_Name), QSettings::IniFormat);
-    progress.beginGroup(nxformat::kHelperProgressSection);
-    for (int bucket = 0; bucket < kBucketCount; ++bucket)
-        if (m_Written[bucket])
-            progress.setValue(QString::asprintf("%02x", bucket), QString::asprintf("%02d", m_NewMarks[bucket]));
-    progress.endGroup();
     progress.sync();
-    if (sizeRecord.status() != QSettings::NoError || progress.status() != QSettings::NoError) {
-        errno = EIO;
-        return fail("cannot write", nxformat::helperProgressPath(m_Host, m_Name));
-    }
-    return true;
+    const bool written = sizeRecord.status() == QSettings::NoError && progress.status() == QSettings::NoError;
+    return written ? Status::ok() : Status::error(EIO, "write the INI files of " + m_Name);
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv)
 {
-    bool sync = false;
-    QString host;
-    bool usable = true;
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--sync") == 0)
-            sync = true;
-        else if (host.isEmpty() && argv[i][0] != '-' && argv[i][0] != '\0')
-            host = QString::fromUtf8(argv[i]);
-        else
-            usable = false;
-    }
-    if (!usable || host.isEmpty()) {
+    const bool sync = argc == 3 && std::strcmp(argv[1], "--sync") == 0;
+    if (argc != 2 + int(sync) || argv[argc - 1][0] == '-' || argv[argc - 1][0] == '\0') {
         std::fprintf(stderr, "usage: nxbaseline [--sync] HOST\n");
         return 2;
     }
-    host = QDir(host).absolutePath();
-
-    // Every source file of a database stays open while it is indexed.
-    struct rlimit files;
-    if (::getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
-        files.rlim_cur = files.rlim_max;
-        ::setrlimit(RLIMIT_NOFILE, &files);
-    }
-
-    if (!exists(host + "/idxnd"))
-        return 0;
+    const QString host = QDir(QString::fromUtf8(argv[argc - 1])).absolutePath();
     for (const char* type : {"wdx", "wfx"}) {
         for (int volume = 0;; ++volume) {
-            char name[kDbNameSize] = {};
-            const int length = std::snprintf(name, sizeof name, "%s%02d", type, volume);
-            if (length < 0 || length >= kDbNameSize)
+            const QString name = QString::asprintf("%s%02d", type, volume);
+            if (!fileio::exists(sourceFilePath(host, name, 0).toUtf8().constData()))
                 break;
-            if (!exists(nxformat::sourceFilePath(host, name, 0)))
-                break;
-            Database database(host, QString::fromLatin1(name), sync);
-            if (!database.index())
+            if (const Status indexed = Database(host, name, sync).index(); !indexed.isOk()) {
+                std::fprintf(stderr, "nxbaseline: %s\n", qPrintable(indexed.toString()));
                 return 1;
+            }
         }
     }
     return 0;

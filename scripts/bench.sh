@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# The benchmark: builds nxindexer and the benchmark programs in Release in
-# build-bench/ and runs nxbench, which measures the indexer (with its pause
-# before every bucket removed) against a baseline program that does the least
-# work the same output needs. The report is printed and kept in
-# build-bench/bench-report.md. Arguments go to nxbench (--rounds N,
-# --no-sync, --no-strace, --quick, --keep, --work DIR).
+# The benchmark: builds nxindexer and the benchmark programs (opt-in, CMake
+# option NXI_BUILD_BENCH, turned on here) in Release in build-bench/ and runs
+# nxbench, which measures the indexer (with its pause before every bucket
+# removed) against a baseline program that does the least work the same output
+# needs. The report is printed and kept in build-bench/bench-report.md.
+# Arguments go to nxbench (--rounds N, --no-sync, --no-strace, --quick,
+# --work DIR).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
