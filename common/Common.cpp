@@ -17,7 +17,7 @@ const char* const kTempDirPath = "/var/tmp/txtmp";
 const char* const kBuildDate = __DATE__;
 const char* const kBuildTime = __TIME__;
 
-} // namespace
+}  // namespace
 
 QString Common::rootPathForAppDir(const QString& appDirPath)
 {
@@ -45,38 +45,24 @@ QString Common::getLibPath() { return getRootPath() + "/lib"; }
 QString Common::getServicesPath() { return createDirectoryIfNotExists(getRootPath() + "/services"); }
 QString Common::getSettingsPath() { return createDirectoryIfNotExists(getRootPath() + "/settings"); }
 QString Common::getReportsPath() { return createDirectoryIfNotExists(getRootPath() + "/reports"); }
-QString Common::getScanReportsPath()
-{
-    return createDirectoryIfNotExists(getRootPath() + "/reports/scanner");
-}
-QString Common::getQuarantinePath()
-{
-    return createDirectoryIfNotExists(getRootPath() + "/quarantine");
-}
+QString Common::getScanReportsPath() { return createDirectoryIfNotExists(getRootPath() + "/reports/scanner"); }
+QString Common::getQuarantinePath() { return createDirectoryIfNotExists(getRootPath() + "/quarantine"); }
 QString Common::getLogsPath() { return createDirectoryIfNotExists(getRootPath() + "/logs"); }
 QString Common::getUpdPath() { return createDirectoryIfNotExists(getRootPath() + "/upd"); }
 
 QString Common::getPolicyDirPath() { return createDirectoryIfNotExists(getSettingsPath() + "/epl"); }
-QString Common::getWebPolicyDirPath()
-{
-    return createDirectoryIfNotExists(getSettingsPath() + "/wpl");
-}
-QString Common::getAppPolicyDirPath()
-{
-    return createDirectoryIfNotExists(getSettingsPath() + "/apl");
-}
+QString Common::getWebPolicyDirPath() { return createDirectoryIfNotExists(getSettingsPath() + "/wpl"); }
+QString Common::getAppPolicyDirPath() { return createDirectoryIfNotExists(getSettingsPath() + "/apl"); }
 QString Common::getEdrDirPath() { return createDirectoryIfNotExists(getSettingsPath() + "/edr"); }
 
 QString Common::getTempDirPath()
 {
     const QString path = createDirectoryIfNotExists(kTempDirPath);
     // Every component of the product shares this directory, whoever made it.
-    QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner
-                                    | QFileDevice::ExeOwner | QFileDevice::ReadUser
-                                    | QFileDevice::WriteUser | QFileDevice::ExeUser
-                                    | QFileDevice::ReadGroup | QFileDevice::WriteGroup
-                                    | QFileDevice::ExeGroup | QFileDevice::ReadOther
-                                    | QFileDevice::WriteOther | QFileDevice::ExeOther);
+    QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner |
+                                    QFileDevice::ReadUser | QFileDevice::WriteUser | QFileDevice::ExeUser |
+                                    QFileDevice::ReadGroup | QFileDevice::WriteGroup | QFileDevice::ExeGroup |
+                                    QFileDevice::ReadOther | QFileDevice::WriteOther | QFileDevice::ExeOther);
     return path;
 }
 
@@ -89,8 +75,7 @@ QString Common::createDirectoryIfNotExists(const QString& path)
     return path;
 }
 
-QString Common::formatBuildStamp(const QString& buildDate, const QString& buildTime,
-                                 const QString& outputFormat)
+QString Common::formatBuildStamp(const QString& buildDate, const QString& buildTime, const QString& outputFormat)
 {
     // The compiler writes the month in English whatever the locale, so both
     // the parse and the (purely numeric) rendering use the C locale.
@@ -104,14 +89,8 @@ QString Common::formatBuildStamp(const QString& buildDate, const QString& buildT
     return c.toString(built, outputFormat);
 }
 
-QString Common::getBuildDateTime()
-{
-    return formatBuildStamp(kBuildDate, kBuildTime, "yyyy-MM-dd hh:mm:ss");
-}
+QString Common::getBuildDateTime() { return formatBuildStamp(kBuildDate, kBuildTime, "yyyy-MM-dd hh:mm:ss"); }
 
 QString Common::getBuildDate() { return formatBuildStamp(kBuildDate, kBuildTime, "yyyy-MM-dd"); }
 
-QString Common::getBuildVersion()
-{
-    return formatBuildStamp(kBuildDate, kBuildTime, "yyyy.MM.dd.0");
-}
+QString Common::getBuildVersion() { return formatBuildStamp(kBuildDate, kBuildTime, "yyyy.MM.dd.0"); }

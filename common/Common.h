@@ -47,8 +47,7 @@ public:
     static QString getBuildVersion();
     // Renders a build date ("Mar 28 2025", "Mar  1 2025") and time ("13:08:05")
     // with outputFormat, whatever the process's locale. Empty when unparseable.
-    static QString formatBuildStamp(const QString& buildDate, const QString& buildTime,
-                                    const QString& outputFormat);
+    static QString formatBuildStamp(const QString& buildDate, const QString& buildTime, const QString& outputFormat);
 
     // "1.50 KB": the count walked through bytes, KB, MB, GB, TB with two decimals.
     static QString getSizeInString(quint64 size);

@@ -43,8 +43,8 @@ qint64 measurePath(const QString& path, QSet<QString>& activeDirs)
 
     // Without Hidden and System the listing leaves out dot entries, devices,
     // sockets, pipes and broken links.
-    const QFileInfoList entries = QDir(path).entryInfoList(
-        QDir::Dirs | QDir::Files | QDir::NoDotAndDotDot, QDir::NoSort);
+    const QFileInfoList entries =
+        QDir(path).entryInfoList(QDir::Dirs | QDir::Files | QDir::NoDotAndDotDot, QDir::NoSort);
     qint64 total = 0;
     for (const QFileInfo& entry : entries)
         total += measurePath(entry.absoluteFilePath(), activeDirs);
@@ -53,7 +53,7 @@ qint64 measurePath(const QString& path, QSet<QString>& activeDirs)
     return total;
 }
 
-} // namespace
+}  // namespace
 
 qint64 Common::getPathSize(const QString& path)
 {

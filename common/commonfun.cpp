@@ -18,15 +18,9 @@ commonfun* commonfun::getInstance()
     return instance;
 }
 
-qint64 commonfun::GetFileSize(QString& path)
-{
-    return QFileInfo(path).size();
-}
+qint64 commonfun::GetFileSize(QString& path) { return QFileInfo(path).size(); }
 
-bool commonfun::PathFileExists(QString path)
-{
-    return fileio::exists(path.toUtf8().constData());
-}
+bool commonfun::PathFileExists(QString path) { return fileio::exists(path.toUtf8().constData()); }
 
 bool commonfun::DeleteFile(QString path)
 {

@@ -164,11 +164,14 @@ Status iniTextWith(const QByteArray& current, std::optional<plainini::Text>* pla
 {
     auto byQSettings = [&](QByteArray* result) {
         plain->reset();
-        return editedIniText(current, [&](QSettings& settings) {
-            settings.beginGroup(section);
-            settings.setValue(key, value);
-            settings.endGroup();
-        }, result);
+        return editedIniText(
+            current,
+            [&](QSettings& settings) {
+                settings.beginGroup(section);
+                settings.setValue(key, value);
+                settings.endGroup();
+            },
+            result);
     };
     enum Check { Unchecked, Agrees, Differs };
     static Check plainAgrees[2] = {Unchecked, Unchecked};  // [adds a section]

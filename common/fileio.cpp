@@ -240,7 +240,7 @@ Status replaceRegularFile(const QString& path, const QByteArray& bytes, FileIden
     if (fd < 0)
         return Status::fromErrno(named("open", sibling));
     Status status = ::fchmod(fd, kFileMode) == 0 ? writeAllTo(fd, bytes.constData(), size_t(bytes.size()), sibling)
-                                                  : Status::fromErrno(named("fchmod", sibling));
+                                                 : Status::fromErrno(named("fchmod", sibling));
     if (status.isOk() && ::fdatasync(fd) != 0)
         status = Status::fromErrno(named("fdatasync", sibling));
     if (status.isOk() && ::rename(sibling.constData(), target.constData()) != 0)
@@ -272,7 +272,7 @@ Status renameFile(const QString& source, const QString& destination)
 {
     const QByteArray from = source.toUtf8();
     return ::rename(from.constData(), destination.toUtf8().constData()) == 0 ? Status::ok()
-                                                                              : Status::fromErrno(named("rename", from));
+                                                                             : Status::fromErrno(named("rename", from));
 }
 
 Status makeDirectory(const QString& path)
@@ -332,6 +332,5 @@ bool isSpecialEntry(const QString& path)
     struct stat info;
     return ::lstat(path.toUtf8().constData(), &info) == 0 && !S_ISREG(info.st_mode);
 }
-
 
 }  // namespace fileio

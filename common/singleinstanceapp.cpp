@@ -10,10 +10,7 @@ const int kAnswerTimeoutMs = 100;
 SingleInstanceApp::SingleInstanceApp() : QObject(nullptr) {}
 
 // QObject deletes every server created here, as a child, after this runs.
-SingleInstanceApp::~SingleInstanceApp()
-{
-    CloseAppInstance();
-}
+SingleInstanceApp::~SingleInstanceApp() { CloseAppInstance(); }
 
 int SingleInstanceApp::CreateAppInstance(const QString& name)
 {

@@ -31,12 +31,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     DWORD high = 0x5A5A5A5Au;
     const bool found = indexer.GetIndexHighAndLow(path.data(), bucket, &low, &high);
     const nxfuzz::BucketRange expected = expectedBucketRange(data, size, bucket);
-    FUZZ_CHECK(found == expected.ok, "bucket %02x of a %zu-byte file: found %d, expected %d (low %u, high %u)",
-               bucket, size, found, expected.ok, expected.low, expected.high);
+    FUZZ_CHECK(found == expected.ok, "bucket %02x of a %zu-byte file: found %d, expected %d (low %u, high %u)", bucket,
+               size, found, expected.ok, expected.low, expected.high);
     if (!found)
         return 0;
-    FUZZ_CHECK(low == expected.low && high == expected.high, "bucket %02x: range %u..%u, expected %u..%u", bucket,
-               low, high, expected.low, expected.high);
+    FUZZ_CHECK(low == expected.low && high == expected.high, "bucket %02x: range %u..%u, expected %u..%u", bucket, low,
+               high, expected.low, expected.high);
 
     // Room for the range and up to 3 spare records.
     const DWORD rangeBytes = (high - low) * 16;

@@ -31,7 +31,7 @@ constexpr int kHeaderSize = 8;
 constexpr uint8_t kTwoSourceFiles = 0x01;
 constexpr uint8_t kHelperFile = 0x02;
 constexpr uint8_t kFileZeroMissing = 0x04;  // sources start at file 1; file 0 is visited and missing
-constexpr uint8_t kWriteTwice = 0x08;       // a second run rotates the first run's files away
+constexpr uint8_t kWriteTwice = 0x08;  // a second run rotates the first run's files away
 // Helper grown with zeros to about 65,535 records, when all three bits are set:
 // such a bucket costs a hundred times an ordinary one, so it stays the rarer case.
 constexpr uint8_t kPadHelper = 0x70;
@@ -199,8 +199,8 @@ void indexBucket(nxi& indexer, const Files& files, int bucket)
     FUZZ_CHECK(collected == size && lastFile == dbCount - 2, "collecting pass: %u bytes, last file %d", collected,
                lastFile);
     FUZZ_CHECK(!NxiTestDoor::entryTableOverflowed(indexer), "unchanged files overflowed the table");
-    FUZZ_CHECK(indexer.m_EntryCursor == indexer.m_EntryTable + (helperSize & ~(kRecord - 1)) + size,
-               "cursor at %td", indexer.m_EntryCursor - indexer.m_EntryTable);
+    FUZZ_CHECK(indexer.m_EntryCursor == indexer.m_EntryTable + (helperSize & ~(kRecord - 1)) + size, "cursor at %td",
+               indexer.m_EntryCursor - indexer.m_EntryTable);
     FUZZ_CHECK(std::memcmp(indexer.m_EntryTable, expected.constData(), allocSize) == 0,
                "table before the sort differs");
 
@@ -232,8 +232,8 @@ void indexBucket(nxi& indexer, const Files& files, int bucket)
     const QByteArray payloadFile =
         nxfuzz::readFile(indexFile(indexer, IndexFile::Payload, Generation::Current, bucket));
     const QByteArray entryFile = nxfuzz::readFile(indexFile(indexer, IndexFile::Entry, Generation::Current, bucket));
-    FUZZ_CHECK(keyFile.size() == int(2 * count + 512) && keyFile == index.keyFile, "key file of %d bytes for %u records",
-               int(keyFile.size()), count);
+    FUZZ_CHECK(keyFile.size() == int(2 * count + 512) && keyFile == index.keyFile,
+               "key file of %d bytes for %u records", int(keyFile.size()), count);
     FUZZ_CHECK(payloadFile.size() == int(12 * count) && payloadFile == index.payloadFile,
                "payload file of %d bytes for %u records", int(payloadFile.size()), count);
     FUZZ_CHECK(entryFile == table, "entry file of %d bytes for a table of %u", int(entryFile.size()), allocSize);
@@ -246,7 +246,7 @@ void indexBucket(nxi& indexer, const Files& files, int bucket)
                        qPrintable(indexFile(indexer, file, generation, bucket)));
 }
 
-} // namespace
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -32,8 +32,8 @@ int checkKey(commonfun* ini, const QString& key, const QString& file, bool mayHo
     const int numberZero = ini->GetPrivateProfileInt(section, key, 0, file);
     const QByteArray keyText = key.toUtf8();
     if (!present) {
-        FUZZ_CHECK(numberSeven == 7 && numberZero == 0, "missing key \"%s\" read as %d and %d",
-                   keyText.constData(), numberSeven, numberZero);
+        FUZZ_CHECK(numberSeven == 7 && numberZero == 0, "missing key \"%s\" read as %d and %d", keyText.constData(),
+                   numberSeven, numberZero);
         return numberZero;
     }
     FUZZ_CHECK(textA == textB, "key \"%s\" reads as two texts", keyText.constData());
@@ -60,7 +60,7 @@ QString keyOfFirstAssignment(const QByteArray& text)
     return QString::fromUtf8(text.mid(lineStart, equals - lineStart)).trimmed();
 }
 
-} // namespace
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

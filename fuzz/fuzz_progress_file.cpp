@@ -63,7 +63,7 @@ std::vector<int> expectedMarks(const uint8_t* data, size_t size)
     return marks;
 }
 
-} // namespace
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -41,7 +41,7 @@ QString makeScratchRoot()
     return QString::fromUtf8(pattern);
 }
 
-} // namespace
+}  // namespace
 
 void checkFailed(const char* file, int line, const char* condition, const char* format, ...)
 {
@@ -119,7 +119,7 @@ BucketRange expectedBucketRange(const uint8_t* data, size_t size, int bucket)
     return range;
 }
 
-} // namespace nxfuzz
+}  // namespace nxfuzz
 
 // Before the first input: the core application (the installation root and
 // the logger's file name come from it), then the logger. Its reports go to

@@ -14,9 +14,9 @@
 
 // A failed check is a finding: the message goes to stderr and the process
 // aborts, so that libFuzzer keeps the input as a crash reproducer.
-#define FUZZ_CHECK(condition, ...)                                         \
-    do {                                                                   \
-        if (!(condition))                                                  \
+#define FUZZ_CHECK(condition, ...)                                            \
+    do {                                                                      \
+        if (!(condition))                                                     \
             nxfuzz::checkFailed(__FILE__, __LINE__, #condition, __VA_ARGS__); \
     } while (0)
 
@@ -70,6 +70,6 @@ BucketRange expectedBucketRange(const uint8_t* data, size_t size, int bucket);
 // Byte offset of record index r in a source file.
 inline uint64_t recordOffset(uint64_t recordIndex) { return (recordIndex + 64) * 16; }
 
-} // namespace nxfuzz
+}  // namespace nxfuzz
 
 #endif

@@ -103,8 +103,8 @@ QByteArray buildSourceFile(const QVector<QByteArray>& bucketRecords)
 
 // ---- Conversion of a sorted table ------------------------------------------------
 
-void splitSortedTable(const unsigned char* table, DWORD count, unsigned char* keyList,
-                      unsigned char* payloadList, unsigned char* groupTable)
+void splitSortedTable(const unsigned char* table, DWORD count, unsigned char* keyList, unsigned char* payloadList,
+                      unsigned char* groupTable)
 {
     for (int group = 0; group < kBucketCount; ++group)
         writeLE16(groupTable + 2 * group, kNoPosition);
@@ -134,7 +134,7 @@ const unsigned char* bytesOf(const QByteArray& bytes)
     return reinterpret_cast<const unsigned char*>(bytes.constData());
 }
 
-} // namespace
+}  // namespace
 
 // ---- Key file ----------------------------------------------------------------------
 
@@ -223,8 +223,7 @@ static QString bucketName(int bucket)
 
 QString sourceFilePath(const QString& host, const QString& db, int fileNumber)
 {
-    return QString::asprintf("%s/idxnd/%s%04d.yn", host.toUtf8().constData(), db.toUtf8().constData(),
-                             fileNumber);
+    return QString::asprintf("%s/idxnd/%s%04d.yn", host.toUtf8().constData(), db.toUtf8().constData(), fileNumber);
 }
 
 QString dbCountFilePath(const QString& host, const QString& db)
@@ -302,4 +301,4 @@ void parseProgressMarks(QByteArray text, int* marks)
     }
 }
 
-} // namespace nxformat
+}  // namespace nxformat

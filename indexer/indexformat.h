@@ -84,7 +84,7 @@ inline void writeLE32(unsigned char* p, uint32_t v)
 
 // ---- Entry record: 4-byte key (byte 2 is the group byte), 12 payload bytes --
 constexpr DWORD kRecordSize = 16;
-constexpr DWORD kKeySize = 2;       // bytes 0-1 of the key go to the key list
+constexpr DWORD kKeySize = 2;  // bytes 0-1 of the key go to the key list
 constexpr DWORD kPayloadSize = 12;  // bytes 4-15 go to the payload list
 constexpr DWORD kPayloadOffset = 4;
 constexpr int kGroupByteOffset = 2;
@@ -123,13 +123,13 @@ QByteArray buildSourceFile(const QVector<QByteArray>& bucketRecords);
 // ---- Positions and the group table ----------------------------------------
 constexpr uint16_t kNoPosition = 0xFFFF;
 constexpr DWORD kMaxBucketRecords = 65535;  // positions are 16-bit, 0xFFFF is reserved
-constexpr DWORD kGroupTableSize = 512;      // 256 unsigned 16-bit slots
+constexpr DWORD kGroupTableSize = 512;  // 256 unsigned 16-bit slots
 
 // One pass over a sorted table of count records: key list (2 bytes a record),
 // payload list (12 bytes a record) and group table (slot g = first position of
 // group byte g, 0xFFFF when none). count must not exceed kMaxBucketRecords.
-void splitSortedTable(const unsigned char* table, DWORD count, unsigned char* keyList,
-                      unsigned char* payloadList, unsigned char* groupTable);
+void splitSortedTable(const unsigned char* table, DWORD count, unsigned char* keyList, unsigned char* payloadList,
+                      unsigned char* groupTable);
 
 // ---- Key file (.m): key list, then group table ------------------------------
 inline DWORD keyFileSize(DWORD count) { return kKeySize * count + kGroupTableSize; }
@@ -137,7 +137,7 @@ inline DWORD keyFileSize(DWORD count) { return kKeySize * count + kGroupTableSiz
 inline DWORD payloadFileSize(DWORD count) { return kPayloadSize * count; }
 
 struct KeyFile {
-    QVector<uint16_t> keys;        // low 16 bits of each sorted record's key
+    QVector<uint16_t> keys;  // low 16 bits of each sorted record's key
     QVector<uint16_t> groupTable;  // 256 slots
 };
 // Parses a key file; nullopt when its size is not 2*count + 512.
@@ -160,9 +160,9 @@ struct BucketBlock {
 std::optional<BucketBlock> parseBucketBlock(const QByteArray& statusFile, DWORD offset);
 
 // ---- SBF size record ("sbf_check_yn.ini") ---------------------------------
-extern const char* const kSbfSizeSection;   // "SBF_Size"
+extern const char* const kSbfSizeSection;  // "SBF_Size"
 QString sbfSizeKey(const QString& dbName);  // "wdx00.sbf"
-QString sbfSizeValue(int size);             // "3540#NXI"
+QString sbfSizeValue(int size);  // "3540#NXI"
 // The size from a value written by sbfSizeValue; nullopt when malformed.
 std::optional<int> parseSbfSizeValue(const QString& value);
 
@@ -172,9 +172,9 @@ QString sourceFilePath(const QString& host, const QString& db, int fileNumber);
 // The DB-count file that holds db's DB-COUNT: "/wfx_idxval.ini" for "wfx00" only.
 QString dbCountFilePath(const QString& host, const QString& db);
 extern const char* const kDbCountSection;  // "DB-COUNT"
-QString indexDirPath(const QString& host, const QString& db);   // <host>/idxn/<db>
+QString indexDirPath(const QString& host, const QString& db);  // <host>/idxn/<db>
 QString helperDirPath(const QString& host, const QString& db);  // <host>/hl/<db>
-QString entryDirPath(const QString& host, const QString& db);   // <host>/hl/<db>/hlp
+QString entryDirPath(const QString& host, const QString& db);  // <host>/hl/<db>/hlp
 QString helperFilePath(const QString& host, const QString& db, int bucket);  // <host>/hl/<db><bb>.hl
 QString helperProgressPath(const QString& host, const QString& db);  // <host>/hl/<db>/<db>hl.ini
 extern const char* const kHelperProgressSection;  // "hlpr"
@@ -187,9 +187,9 @@ extern const char* const kHelperProgressSection;  // "hlpr"
 // ends the line, clamped to [-1, INT_MAX - 1] so that mark + 1 fits an int; a
 // line in its place without "=" gives -1 and, past slot 0, ends the reading.
 void parseProgressMarks(QByteArray text, int* marks);
-QString statusFilePath(const QString& host, const QString& db);         // <host>/<db>.sbf
+QString statusFilePath(const QString& host, const QString& db);  // <host>/<db>.sbf
 QString pendingStatusFilePath(const QString& host, const QString& db);  // <host>/<db>.sbftmp
-QString sbfSizeRecordPath(const QString& host);                         // <host>/sbf_check_yn.ini
+QString sbfSizeRecordPath(const QString& host);  // <host>/sbf_check_yn.ini
 
 // The three index files of a bucket under their three names: key and payload
 // files in the index directory, the entry file in the entry directory.
@@ -198,6 +198,6 @@ enum class Generation { Pending, Current, Previous };
 // "%02x.mnew", "%02x.m", "%02x.mold", "%02x.dnew", ... , "%02x.hlold".
 QString indexFileName(IndexFile file, Generation generation, int bucket);
 
-} // namespace nxformat
+}  // namespace nxformat
 
 #endif

@@ -26,23 +26,24 @@ QString logPath() { return Common::getRootPath() + "/logs/" + LOGGER::CLogger::p
 void printUsage()
 {
     const QByteArray host = (Common::getDbPath() + "/txhost").toUtf8(), log = logPath().toUtf8();
-    std::printf("Usage: nxindexer [--help | --version]\n"
-                "\n"
-                "One pass of the database indexer over every database under\n"
-                "  %s\n"
-                "(wdx00, wdx01, ... up to the first missing volume, then wfx00, ...). For each\n"
-                "database and bucket it merges the records of the source files (idxnd/*.yn)\n"
-                "that are new since its last run with the bucket's helper file, writes the\n"
-                "bucket's key, payload and entry files (idxn/<db>/, hl/<db>/hlp/), the status\n"
-                "file <db>.sbf and the progress files (hl/<db>/<db>hl.ini, sbf_check_yn.ini),\n"
-                "then exits with status 0. It pauses 50 ms before each of the 256 buckets.\n"
-                "One run at a time: a run started while another one indexes does nothing.\n"
-                "\n"
-                "Everything a run reports goes to its log:\n"
-                "  %s\n"
-                "\n"
-                "See nxindexer(8).\n",
-                host.constData(), log.constData());
+    std::printf(
+        "Usage: nxindexer [--help | --version]\n"
+        "\n"
+        "One pass of the database indexer over every database under\n"
+        "  %s\n"
+        "(wdx00, wdx01, ... up to the first missing volume, then wfx00, ...). For each\n"
+        "database and bucket it merges the records of the source files (idxnd/*.yn)\n"
+        "that are new since its last run with the bucket's helper file, writes the\n"
+        "bucket's key, payload and entry files (idxn/<db>/, hl/<db>/hlp/), the status\n"
+        "file <db>.sbf and the progress files (hl/<db>/<db>hl.ini, sbf_check_yn.ini),\n"
+        "then exits with status 0. It pauses 50 ms before each of the 256 buckets.\n"
+        "One run at a time: a run started while another one indexes does nothing.\n"
+        "\n"
+        "Everything a run reports goes to its log:\n"
+        "  %s\n"
+        "\n"
+        "See nxindexer(8).\n",
+        host.constData(), log.constData());
 }
 
 void printVersion()
@@ -73,7 +74,7 @@ bool takeRunLock(const QString& hostPath, const char* reportAs)
     return false;
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv)
 {
@@ -87,8 +88,7 @@ int main(int argc, char** argv)
         return 0;
     }
     LOGGER::CLogger::getInstance()->Info(
-        __PRETTY_FUNCTION__,
-        "--------------------------Build Date : 2024-12-12 04:30 PM ----------------------------");
+        __PRETTY_FUNCTION__, "--------------------------Build Date : 2024-12-12 04:30 PM ----------------------------");
 
     nxi indexer;
     if (takeRunLock(indexer.m_HostPath, __PRETTY_FUNCTION__))

@@ -27,7 +27,7 @@ void keepBucketMemory()
     mallopt(M_TRIM_THRESHOLD, 16 << 20);
 }
 
-} // namespace
+}  // namespace
 
 nxi::nxi()
     : m_CommonFun(commonfun::getInstance()),
@@ -42,8 +42,7 @@ nxi::nxi()
       m_SbfOffsets{},
       m_EntryTableEnd(nullptr),
       m_EntryTableOverflow(false)
-{
-}
+{}
 
 nxi::~nxi()
 {
@@ -85,8 +84,8 @@ void nxi::WalkDbType(const char* dbType, const char* reportAs)
         const int length = std::snprintf(dbName, sizeof dbName, "%s%02d", dbType, volume);
         if (length < 0 || length >= kDbNameSize) {
             // A three-letter type leaves room for volumes up to 999,999.
-            NXI_ERROR_AS(reportAs, "Error:Volume number %d does not fit a database name of type %s - walk ends",
-                         volume, dbType);
+            NXI_ERROR_AS(reportAs, "Error:Volume number %d does not fit a database name of type %s - walk ends", volume,
+                         dbType);
             return;
         }
         if (IsToStopIndexing(dbName))

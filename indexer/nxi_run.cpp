@@ -35,7 +35,7 @@ void encodeStatusHead(const uint32_t* offsets, unsigned char* head)
         nxformat::writeLE32(head + 4 * bucket, offsets[bucket]);
 }
 
-} // namespace
+}  // namespace
 
 void nxi::StartIndexer(char* dbName)
 {

@@ -30,7 +30,7 @@ bool bucketStartSlots(const SourceFiles::File& file, int bucket, DWORD* range)
     return true;
 }
 
-} // namespace
+}  // namespace
 
 bool nxi::GetIndexHighAndLow(char* path, int bucket, DWORD* low, DWORD* high)
 {
@@ -58,8 +58,8 @@ bool nxi::GetIndexHighAndLow(char* path, int bucket, DWORD* low, DWORD* high)
     // A corrupt start table must not lead to a read or an allocation of a
     // wrapped length, so such a range fails like an unreadable one.
     if (!nxformat::sourceRangeIsValid(range[0], range[1], fileSize)) {
-        NXI_ERROR("Error: Corrupt bucket range in the following file- %s (bucket %02x, low %u, high %u)", path,
-                  bucket, range[0], range[1]);
+        NXI_ERROR("Error: Corrupt bucket range in the following file- %s (bucket %02x, low %u, high %u)", path, bucket,
+                  range[0], range[1]);
         return false;
     }
     *low = range[0];

@@ -17,7 +17,7 @@ namespace {
 // A progress file of 256 lines is a few KB; anything far larger is damaged.
 constexpr qint64 kMaxProgressFileSize = 1 << 20;
 
-} // namespace
+}  // namespace
 
 bool nxi::IsToDoFullIndexing(char* dbName)
 {
@@ -35,8 +35,7 @@ bool nxi::IsToDoFullIndexing(char* dbName)
         return false;
     name[length - 2] = '\0';
 
-    const QString next = QString::asprintf("%s/idxnd/%s%02d0000.yn", m_HostPath.toUtf8().constData(), name,
-                                           volume + 1);
+    const QString next = QString::asprintf("%s/idxnd/%s%02d0000.yn", m_HostPath.toUtf8().constData(), name, volume + 1);
     return m_CommonFun->PathFileExists(next);
 }
 

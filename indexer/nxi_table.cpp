@@ -20,7 +20,7 @@ namespace {
 // Source file paths are formatted into a buffer of this size.
 constexpr size_t kSourcePathBufferSize = 512;
 
-} // namespace
+}  // namespace
 
 DWORD nxi::CalculateSizeOfIndex(int bucket, int firstFile, bool fill, int* lastFile, int dbCount)
 {

@@ -130,7 +130,7 @@ bool appendBucketBlock(const QString& statusFile, const BucketLists& lists, cons
     return true;
 }
 
-} // namespace
+}  // namespace
 
 QString nxi::IndexFilePath(IndexFile file, Generation generation, int bucket) const
 {

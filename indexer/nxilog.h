@@ -18,9 +18,9 @@
 // The signature of the enclosing operation, for handing to its helpers.
 #define NXI_OPERATION __PRETTY_FUNCTION__
 
-#define NXI_ERROR_AS(reportAs, ...)                                                   \
-    do {                                                                              \
-        const int nxiSavedErrno = errno;                                              \
+#define NXI_ERROR_AS(reportAs, ...)                                                    \
+    do {                                                                               \
+        const int nxiSavedErrno = errno;                                               \
         LOGGER::CLogger::getInstance()->Error((reportAs), nxiSavedErrno, __VA_ARGS__); \
     } while (0)
 

@@ -80,7 +80,7 @@ void writeText(FILE* file, char const* text, size_t length)
         fwrite(text, 1, length, file);
 }
 
-} // namespace
+}  // namespace
 
 CLogger* CLogger::getInstance()
 {
@@ -105,15 +105,9 @@ CLogger::CLogger()
     init(path.toUtf8().toStdString());
 }
 
-CLogger::CLogger(std::string const& logFilePath)
-{
-    init(logFilePath);
-}
+CLogger::CLogger(std::string const& logFilePath) { init(logFilePath); }
 
-CLogger::~CLogger()
-{
-    pthread_mutex_destroy(&m_Mutex);
-}
+CLogger::~CLogger() { pthread_mutex_destroy(&m_Mutex); }
 
 void CLogger::init(std::string const& logFilePath)
 {
@@ -199,8 +193,8 @@ void CLogger::Debug(char const* function, char const* format, ...)
 
 // Body: tag, " [", short name, "] :: ", code piece, message. The time stamp
 // and the line end belong to the writers.
-void CLogger::writeReport(bool passes, char const* tag, char const* function,
-                          std::string const& codePiece, char const* format, va_list args)
+void CLogger::writeReport(bool passes, char const* tag, char const* function, std::string const& codePiece,
+                          char const* format, va_list args)
 {
     if (!passes)
         return;
@@ -247,9 +241,9 @@ char* CLogger::getCurrentTime()
     struct tm local;
     localtime_r(&now.tv_sec, &local);
     const int msec = int(now.tv_nsec / 1000000);
-    m_CurrentTime = QDateTime(QDate(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday),
-                              QTime(local.tm_hour, local.tm_min, local.tm_sec, msec), Qt::OffsetFromUTC,
-                              int(local.tm_gmtoff));
+    m_CurrentTime =
+        QDateTime(QDate(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday),
+                  QTime(local.tm_hour, local.tm_min, local.tm_sec, msec), Qt::OffsetFromUTC, int(local.tm_gmtoff));
     char text[96];  // room for any int in every field; a real date takes 23 characters
     snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d:%03d", local.tm_year + 1900, local.tm_mon + 1,
              local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, msec);
@@ -388,4 +382,4 @@ void CLogger::closeFile()
 void CLogger::lock() { pthread_mutex_lock(&m_Mutex); }
 void CLogger::unlock() { pthread_mutex_unlock(&m_Mutex); }
 
-} // namespace LOGGER
+}  // namespace LOGGER

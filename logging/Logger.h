@@ -12,19 +12,9 @@
 
 namespace LOGGER {
 
-enum LOG_LEVEL {
-    LEVEL_ERROR = 1,
-    LEVEL_INFO = 2,
-    LEVEL_TRACE = 3,
-    LEVEL_BUFFER = 4,
-    LEVEL_DEBUG = 5,
-    LEVEL_ALL = 6
-};
+enum LOG_LEVEL { LEVEL_ERROR = 1, LEVEL_INFO = 2, LEVEL_TRACE = 3, LEVEL_BUFFER = 4, LEVEL_DEBUG = 5, LEVEL_ALL = 6 };
 
-enum LOG_TYPE {
-    TYPE_CONSOLE = 2,
-    TYPE_FILE = 3
-};
+enum LOG_TYPE { TYPE_CONSOLE = 2, TYPE_FILE = 3 };
 
 // Process-wide logger. Each report becomes one line
 //   "yyyy-MM-dd hh:mm:ss:zzz  [TAG]  [Class::Method] :: message\r\n"
@@ -83,8 +73,8 @@ private:
     void moveToBackupIfOversized();
     void moveToBackup();
     void closeFile();
-    void writeReport(bool passes, char const* tag, char const* function,
-                     std::string const& codePiece, char const* format, va_list args);
+    void writeReport(bool passes, char const* tag, char const* function, std::string const& codePiece,
+                     char const* format, va_list args);
     void writeNewBody(std::string const& body);
     void writeCountLine();
     // The log file opened with mode (see fileio::openFile); -1 or nullptr
@@ -111,6 +101,6 @@ private:
     static CLogger* m_Instance;
 };
 
-} // namespace LOGGER
+}  // namespace LOGGER
 
 #endif

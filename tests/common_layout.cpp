@@ -19,7 +19,9 @@ TEST(CommonLayout, RootRuleExamples)
     } rows[] = {{"/usr/lib/TalvexSuite/bin", "/usr/lib/TalvexSuite"},
                 {"/home/build/out/bin", "/home/build/out"},
                 {"/home/build/./out/x/../bin", "/home/build/out"},
-                {"/usr/local/bin", "/usr/lib/TalvexSuite"}, {"/opt/tool", "/opt"}, {"/opt", "/"}};
+                {"/usr/local/bin", "/usr/lib/TalvexSuite"},
+                {"/opt/tool", "/opt"},
+                {"/opt", "/"}};
     for (const auto& row : rows)
         EXPECT_EQ(Common::rootPathForAppDir(row.appDir), QString(row.root)) << row.appDir;
 }
@@ -56,8 +58,7 @@ TEST(CommonRelocated, LayoutAndBuildStampInACopyUnderAGermanLocale)
     QTemporaryDir dir;
     const QString root = QFileInfo(dir.path()).canonicalFilePath() + "/install";
     const QString copy = root + "/bin/nxtest_common";
-    ASSERT_TRUE(QDir().mkpath(root + "/bin")
-                && QFile::copy(QCoreApplication::applicationFilePath(), copy));
+    ASSERT_TRUE(QDir().mkpath(root + "/bin") && QFile::copy(QCoreApplication::applicationFilePath(), copy));
     QProcess child;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("NXTEST_ROOT", root);
@@ -75,10 +76,17 @@ TEST(CommonSize, SizeText)
     const struct {
         quint64 size;
         const char* text;
-    } rows[] = {{0, "0.00 bytes"}, {1, "1.00 bytes"}, {1023, "1023.00 bytes"}, {1024, "1.00 KB"},
-                {1536, "1.50 KB"}, {1048575, "1024.00 KB"}, {1048576, "1.00 MB"},
-                {5492165909ULL, "5.11 GB"}, {1099511627776ULL, "1.00 TB"},
-                {1125899906842624ULL, "1024.00 TB"}, {18446744073709551615ULL, "16777216.00 TB"}};
+    } rows[] = {{0, "0.00 bytes"},
+                {1, "1.00 bytes"},
+                {1023, "1023.00 bytes"},
+                {1024, "1.00 KB"},
+                {1536, "1.50 KB"},
+                {1048575, "1024.00 KB"},
+                {1048576, "1.00 MB"},
+                {5492165909ULL, "5.11 GB"},
+                {1099511627776ULL, "1.00 TB"},
+                {1125899906842624ULL, "1024.00 TB"},
+                {18446744073709551615ULL, "16777216.00 TB"}};
     for (const auto& row : rows)
         EXPECT_EQ(Common::getSizeInString(row.size), QString(row.text)) << row.size;
 }
@@ -111,4 +119,4 @@ TEST(CommonSize, PathSizeOfARealTree)
     QFile::setPermissions(t + "/locked", QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
 }
 
-} // namespace
+}  // namespace

@@ -22,7 +22,9 @@ protected:
     QTemporaryDir m_Dir;
     commonfun* fun = commonfun::getInstance();
 };
-class CommonFiles : public CommonSafety {};
+class CommonFiles : public CommonSafety
+{
+};
 
 TEST_F(CommonSafety, OpenRefusesLinksAndSpecialFilesAndTruncatesOnlyRegularOnes)
 {
@@ -30,10 +32,13 @@ TEST_F(CommonSafety, OpenRefusesLinksAndSpecialFilesAndTruncatesOnlyRegularOnes)
     QFile::link(path("file"), path("link"));
     QDir().mkpath(path("dir"));
     ASSERT_EQ(mkfifo(path("fifo").toUtf8().constData(), 0600), 0);  // opening it must not wait for a writer
-    const struct { const char* name; const char* mode; int error; } cases[] = {
-        {"link", "rb", ELOOP}, {"link", "wb+", ELOOP}, {"link", "ab+", ELOOP}, {"link", "rb+", ELOOP},
-        {"dir", "rb", EISDIR}, {"dir", "wb+", EISDIR}, {"fifo", "rb", EINVAL}, {"fifo", "wb+", EINVAL},
-        {"missing", "rb", ENOENT}};
+    const struct {
+        const char* name;
+        const char* mode;
+        int error;
+    } cases[] = {{"link", "rb", ELOOP},  {"link", "wb+", ELOOP},  {"link", "ab+", ELOOP},
+                 {"link", "rb+", ELOOP}, {"dir", "rb", EISDIR},   {"dir", "wb+", EISDIR},
+                 {"fifo", "rb", EINVAL}, {"fifo", "wb+", EINVAL}, {"missing", "rb", ENOENT}};
     for (const auto& c : cases) {
         FILE* file = nullptr;
         EXPECT_EQ(fileio::openFile(path(c.name).toUtf8().constData(), c.mode, &file).code(), c.error)
@@ -78,14 +83,24 @@ TEST_F(CommonFiles, IniTextAndReads)
     EXPECT_EQ(fun->GetPrivateProfileInt("S", "K", 7, ours), 7);
     EXPECT_FALSE(nxtest::exists(ours));
 
-    const struct { const char* section; const char* key; const char* value; } writes[] = {
-        {"hlpr", "1a", "07"}, {"hlpr", "00", "-1"}, {"SBF_Size", "wdx00.sbf", "3540#NXI"}, {"hlpr", "ff", ""},
-        {"hlpr", "00", "123"}, {"hlpr", "B", "abc"}, {"hlpr", "a", "12x"}, {"hlpr", "0a", "-4"},
-        {"odd", "a key", " spaced, with; = signs "}};
+    const struct {
+        const char* section;
+        const char* key;
+        const char* value;
+    } writes[] = {{"hlpr", "1a", "07"}, {"hlpr", "00", "-1"},  {"SBF_Size", "wdx00.sbf", "3540#NXI"},
+                  {"hlpr", "ff", ""},   {"hlpr", "00", "123"}, {"hlpr", "B", "abc"},
+                  {"hlpr", "a", "12x"}, {"hlpr", "0a", "-4"},  {"odd", "a key", " spaced, with; = signs "}};
     auto expectReads = [&] {  // a missing key gives the default, a value that is no number 0
-        const struct { const char *section, *key, *text; int number; } reads[] = {
-            {"SBF_Size", "wdx00.sbf", "3540#NXI", 0}, {"hlpr", "00", "123", 123}, {"hlpr", "ff", "", 0},
-            {"hlpr", "b", "none", -9}, {"hlpr", "B", "abc", 0}, {"hlpr", "a", "12x", 0}, {"hlpr", "0a", "-4", -4}};
+        const struct {
+            const char *section, *key, *text;
+            int number;
+        } reads[] = {{"SBF_Size", "wdx00.sbf", "3540#NXI", 0},
+                     {"hlpr", "00", "123", 123},
+                     {"hlpr", "ff", "", 0},
+                     {"hlpr", "b", "none", -9},
+                     {"hlpr", "B", "abc", 0},
+                     {"hlpr", "a", "12x", 0},
+                     {"hlpr", "0a", "-4", -4}};
         for (const auto& r : reads) {
             EXPECT_EQ(fun->GetPrivateProfileString(r.section, r.key, "none", ours), r.text) << r.key;
             EXPECT_EQ(fun->GetPrivateProfileInt(r.section, r.key, -9, ours), r.number) << r.key;
@@ -165,10 +180,17 @@ TEST_F(CommonFiles, ExistenceDeleteAndMove)
     nxtest::writeFile(other.filePath("src"), "new");
     const QString previous = QDir::currentPath();
     ASSERT_TRUE(QDir::setCurrent(m_Dir.path()));
-    const std::pair<QString, QString> refused[] = {
-        {path("srcdir"), dst}, {path("gone"), dst}, {src, path("dir")}, {src, src}, {src, "src"}, {"src", src},
-        {src, "./dir/../src"}, {"./dir/../src", src}, {src, path("alias")}, {path("alias"), src},
-        {otherFs ? other.filePath("src") : path("gone"), dst}};
+    const std::pair<QString, QString> refused[] = {{path("srcdir"), dst},
+                                                   {path("gone"), dst},
+                                                   {src, path("dir")},
+                                                   {src, src},
+                                                   {src, "src"},
+                                                   {"src", src},
+                                                   {src, "./dir/../src"},
+                                                   {"./dir/../src", src},
+                                                   {src, path("alias")},
+                                                   {path("alias"), src},
+                                                   {otherFs ? other.filePath("src") : path("gone"), dst}};
     for (const auto& move : refused)
         EXPECT_FALSE(fun->MoveFile(move.first, move.second)) << move.first << " -> " << move.second;
     EXPECT_EQ(nxtest::readFile(src), QByteArray("source bytes"));
@@ -186,4 +208,4 @@ TEST_F(CommonFiles, ExistenceDeleteAndMove)
         GTEST_SKIP() << "no second file system at /dev/shm: a move across file systems was not tried";
 }
 
-} // namespace
+}  // namespace

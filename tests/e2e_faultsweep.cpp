@@ -39,10 +39,11 @@ const char* const kNotCounted = "NXFAULT_SKIP=/logs/nxindexer.log:.ini.lock:/pro
 // on disk while the progress file's stay, the worst a power cut can do to the marks.
 enum class Action { Fail, Kill, PowerCut };
 const QStringList kFamilies = {"open", "write", "close", "read", "rename", "unlink", "mkdir", "sync"};
-const struct { const char *settings, *sweep, *verb; } kActions[] = {
-    {"NXFAULT_ACTION=fail", "fault sweep", "failed"},
-    {"NXFAULT_ACTION=kill", "kill sweep", "kill at"},
-    {"NXFAULT_ACTION=powercut\nNXFAULT_DROP=/idxn:/hlp", "power cut sweep", "power cut at"}};
+const struct {
+    const char *settings, *sweep, *verb;
+} kActions[] = {{"NXFAULT_ACTION=fail", "fault sweep", "failed"},
+                {"NXFAULT_ACTION=kill", "kill sweep", "kill at"},
+                {"NXFAULT_ACTION=powercut\nNXFAULT_DROP=/idxn:/hlp", "power cut sweep", "power cut at"}};
 
 // Records of source file f in bucket b (none of file 2 in 02); no key is 0, so none ties with a short read's zeros.
 QByteArray sourceRecords(int file, int bucket)
@@ -62,7 +63,8 @@ void restore(const Tree& tree, const QString& host)
     QDir(host).removeRecursively();
     QDir().mkpath(host);
     for (auto it = tree.cbegin(); it != tree.cend(); ++it)
-        it.value() == "<dir>" ? void(QDir(host).mkpath(it.key())) : nxtest::writeFile(host + "/" + it.key(), it.value());
+        it.value() == "<dir>" ? void(QDir(host).mkpath(it.key()))
+                              : nxtest::writeFile(host + "/" + it.key(), it.value());
 }
 
 QString joined(const QMap<QString, int>& counts, const char* format, const char* separator)
@@ -82,7 +84,7 @@ struct Version {
 // What was done to a run (family empty for a kill at a random moment), and what it did.
 struct Case {
     QString what, family;
-    QStringList path;                // the failed call's path (and target)
+    QStringList path;  // the failed call's path (and target)
     bool kill = false, hit = false;  // hit: the N-th call came, or a soak run ended before its kill
     int exitCode = 0;
     qint64 ms = 0;
@@ -100,9 +102,15 @@ struct Figures {
     }
     QString text(bool withKinds = true) const
     {
-        return QString("injected %1, survived %2, defects %3, prescribed losses %4, silent-but-allowed %5, "
-                       "left files behind %6\n%7")
-            .arg(injected).arg(injected - defects).arg(defects).arg(losses).arg(silent).arg(leftovers)
+        return QString(
+                   "injected %1, survived %2, defects %3, prescribed losses %4, silent-but-allowed %5, "
+                   "left files behind %6\n%7")
+            .arg(injected)
+            .arg(injected - defects)
+            .arg(defects)
+            .arg(losses)
+            .arg(silent)
+            .arg(leftovers)
             .arg(kinds.isEmpty() || !withKinds ? QString() : "  (" + joined(kinds, "%2 %1", "; ") + ")\n");
     }
 };
@@ -137,8 +145,9 @@ public:
         EXPECT_EQ(m_Install.runIndexer({}, 30000), 0);
         m_Reference = nxtest::treeOf(m_Host, true);
         m_Normal = errorLines();
-        const QRegularExpression normal(":: (In StartIndexer|DB count to be indexed is zero!|"
-                                        "Error:Could not get \\.yn files for following indexer type- )");
+        const QRegularExpression normal(
+            ":: (In StartIndexer|DB count to be indexed is zero!|"
+            "Error:Could not get \\.yn files for following indexer type- )");
         for (const QString& line : m_Normal)
             EXPECT_TRUE(normal.match(line).hasMatch()) << line.toStdString();
         QStringList losses;
@@ -161,8 +170,9 @@ public:
         for (const QString& family : families) {
             if (one && only[0] != family)
                 continue;
-            const QStringList base = QStringList{"LD_PRELOAD=" NXFAULTINJECT_PATH, "NXFAULT_FAMILY=" + family,
-                                                 kNotCounted} + QString(kActions[int(action)].settings).split('\n');
+            const QStringList base =
+                QStringList{"LD_PRELOAD=" NXFAULTINJECT_PATH, "NXFAULT_FAMILY=" + family, kNotCounted} +
+                QString(kActions[int(action)].settings).split('\n');
             Case none;
             const long calls = run(base + QStringList{"NXFAULT_NTH=1000000000"}, &none);
             Figures figures;
@@ -174,8 +184,8 @@ public:
                 if (!c.hit)
                     break;  // the run no longer reaches N
                 last = n;
-                c.what = QString("%1 %2 #%3 (%4)").arg(kActions[int(action)].verb, family).arg(n).arg(
-                    c.path.join(" -> "));
+                c.what =
+                    QString("%1 %2 #%3 (%4)").arg(kActions[int(action)].verb, family).arg(n).arg(c.path.join(" -> "));
                 if (one)
                     std::printf("  log: %s\n", qPrintable(c.errors.join("\n  log: ")));
                 judge(c, figures);
@@ -218,8 +228,8 @@ private:
     QString rel(const QString& path) const { return QDir(m_Host).relativeFilePath(path); }
     QString indexFile(int kind, Generation generation, int bucket) const
     {
-        const QString dir = kind == int(IndexFile::Entry) ? nxformat::entryDirPath(m_Host, kDb)
-                                                          : nxformat::indexDirPath(m_Host, kDb);
+        const QString dir =
+            kind == int(IndexFile::Entry) ? nxformat::entryDirPath(m_Host, kDb) : nxformat::indexDirPath(m_Host, kDb);
         return rel(dir + "/" + nxformat::indexFileName(IndexFile(kind), generation, bucket));
     }
 
@@ -296,8 +306,9 @@ private:
     // The log's ERROR lines without their error codes.
     QStringList errorLines() const
     {
-        return m_Install.logBodies().filter(QRegularExpression("^\\[ERROR\\]")).replaceInStrings(
-            QRegularExpression(":: \\[0x[0-9A-F]{8}\\]: "), ":: ");
+        return m_Install.logBodies()
+            .filter(QRegularExpression("^\\[ERROR\\]"))
+            .replaceInStrings(QRegularExpression(":: \\[0x[0-9A-F]{8}\\]: "), ":: ");
     }
 
     // The failures that the indexer does not report by design; empty for any other.
@@ -372,12 +383,15 @@ private:
             for (int kind = 0; kind < 3; ++kind) {
                 const QString cur = indexFile(kind, Generation::Current, b);
                 const QByteArray prev = after.value(indexFile(kind, Generation::Previous, b));
-                const bool hadOld = m_Start.contains(cur), hasPrev = after.contains(indexFile(kind, Generation::Previous, b));
+                const bool hadOld = m_Start.contains(cur),
+                           hasPrev = after.contains(indexFile(kind, Generation::Previous, b));
                 if (after.contains(cur) && !(installed[kind] = versionWith(b, kind, after.value(cur))) &&
                     !(hadOld && after.value(cur) == m_Start.value(cur)))
                     wrong << cur + " holds neither the old nor a new version";
-                else if (!after.contains(cur) && (hasPrev != hadOld || (hadOld && (prev != m_Start.value(cur) ||
-                             !versionWith(b, kind, after.value(indexFile(kind, Generation::Pending, b)))))))
+                else if (!after.contains(cur) &&
+                         (hasPrev != hadOld ||
+                          (hadOld && (prev != m_Start.value(cur) ||
+                                      !versionWith(b, kind, after.value(indexFile(kind, Generation::Pending, b)))))))
                     wrong << cur + " is missing, but not with the old version previous and the new one pending";
             }
             installedKeys[b] = installed[0];
@@ -408,7 +422,8 @@ private:
             for (int kind = 0; kind < 3; ++kind) {
                 const QString cur = indexFile(kind, Generation::Current, b);
                 files[kind] = after.value(cur);
-                same = same && after.contains(cur) == m_Reference.contains(cur) && files[kind] == m_Reference.value(cur);
+                same =
+                    same && after.contains(cur) == m_Reference.contains(cur) && files[kind] == m_Reference.value(cur);
             }
             // A short read while collecting: the bucket is written and marked with zero records in its place.
             const Version* v = versionWith(b, 2, files[2]);
@@ -416,8 +431,10 @@ private:
                 files[0] == v->files[0] && files[1] == v->files[1])
                 *losses << v->loss;
             else if (!same)
-                wrong << QString::asprintf("bucket %02x: after a clean run the files or the mark (%d) differ from an "
-                                           "uninterrupted run's", b, marks.value(b, -1));
+                wrong << QString::asprintf(
+                    "bucket %02x: after a clean run the files or the mark (%d) differ from an "
+                    "uninterrupted run's",
+                    b, marks.value(b, -1));
         }
         if (!after.contains(m_Status) && m_Start.contains(m_Status))
             return wrong << m_Status + " is gone";
@@ -429,12 +446,12 @@ private:
             *losses << "this run's status file not installed, the previous one stays";
         const Tree& keys = previous ? m_Start : after;
         return wrong + checkBlocks(after.value(m_Status), c, losses, [&](int b, const QByteArray& block) {
-            const QString key = indexFile(0, Generation::Current, b);
-            const auto file = nxformat::parseKeyFile(keys.value(key));
-            const auto parsed = nxformat::parseBucketBlock(block, 0);
-            return keys.contains(key) && file && parsed && file->keys == parsed->keys &&
-                   file->groupTable == parsed->groupTable && parsed->count == DWORD(file->keys.size());
-        });
+                   const QString key = indexFile(0, Generation::Current, b);
+                   const auto file = nxformat::parseKeyFile(keys.value(key));
+                   const auto parsed = nxformat::parseBucketBlock(block, 0);
+                   return keys.contains(key) && file && parsed && file->keys == parsed->keys &&
+                          file->groupTable == parsed->groupTable && parsed->count == DWORD(file->keys.size());
+               });
     }
 
     // The head's blocks lie one after the other from 1024 to the end, only for buckets with records, each accepted
@@ -482,7 +499,9 @@ void expectSurvived(const Figures& figures, int atLeast)
     EXPECT_EQ(figures.defects, 0);
 }
 
-class FaultSweep : public ::testing::TestWithParam<bool> {};
+class FaultSweep : public ::testing::TestWithParam<bool>
+{
+};
 
 TEST_P(FaultSweep, EveryFailingCallIsSurvived) { expectSurvived(Sweep(GetParam()).sweep(Action::Fail), 101); }
 
@@ -497,8 +516,9 @@ TEST_P(FaultSweep, EveryKillPointIsSurvived)
 {
     Sweep sweep(GetParam());
     expectSurvived(sweep.sweep(Action::Kill), 101);
-    expectSurvived(sweep.soak(setting("NXSOAK_KILLS", 6), quint32(setting("NXSOAK_SEED", 1)),
-                              setting("NXSOAK_MAX_DELAY_MS", 300)), 0);
+    expectSurvived(
+        sweep.soak(setting("NXSOAK_KILLS", 6), quint32(setting("NXSOAK_SEED", 1)), setting("NXSOAK_MAX_DELAY_MS", 300)),
+        0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Installation, FaultSweep, ::testing::Values(true, false),
@@ -506,4 +526,4 @@ INSTANTIATE_TEST_SUITE_P(Installation, FaultSweep, ::testing::Values(true, false
                              return info.param ? "ExistingIndex" : "FirstRun";
                          });
 
-} // namespace
+}  // namespace

@@ -38,7 +38,10 @@ TEST(EndToEndField, AnotherRunAtWorkIsRefusedAndTheIndexIsOneRunsOwn)
                   "nxindexer: another run is indexing " + install.host() + "; this run does nothing\n");
         const QStringList log = install.logBodies();
         EXPECT_EQ(log.filter("[ERROR]  [main] :: [0x0000000B]: Error:Another run holds the lock of the following "
-                             "directory- " + install.host()).size(), 1);
+                             "directory- " +
+                             install.host())
+                      .size(),
+                  1);
         EXPECT_EQ(log.filter("Indexing for DB - wdx00").size(), 1);
         EXPECT_EQ(nxtest::treeOf(install.host(), true), nxtest::treeOf(reference.host(), true));
     }
@@ -92,7 +95,8 @@ TEST(EndToEndField, NothingIsCreatedInWorldWritableDirectories)
     process.setProcessEnvironment(env);
     process.start("strace", {"-f", "-qq", "-o", trace, "-E", preload, "-e",
                              "trace=creat,open,openat,mkdir,mkdirat,rename,renameat,renameat2,link,linkat,symlink,"
-                             "symlinkat,mknod,mknodat", install.program()});
+                             "symlinkat,mknod,mknodat",
+                             install.program()});
     const Output traced = nxtest::finish(process);
     ASSERT_EQ(traced.status, 0) << traced.err.toStdString();
     ASSERT_TRUE(nxtest::readFile(nxformat::helperProgressPath(host, "wdx00")).contains("=02\n"));
@@ -131,8 +135,9 @@ TEST(EndToEndField, HelpVersionAndAnUnopenableLogAreToldOnTheTerminal)
     nxtest::writeFile(install.root() + "/logs", "a file where the logs directory belongs");
     const Output unlogged = run({});
     EXPECT_EQ(unlogged.status, 0);
-    EXPECT_EQ(unlogged.err.count("nxindexer: could not open the log file " + install.logPath() + ": Not a directory\n"), 1)
+    EXPECT_EQ(unlogged.err.count("nxindexer: could not open the log file " + install.logPath() + ": Not a directory\n"),
+              1)
         << unlogged.err;
 }
 
-} // namespace
+}  // namespace

@@ -67,7 +67,8 @@ TEST(EndToEndIndexing, FirstIncrementalAndIdleRunsOfEveryKindOfVolume)
     nxtest::writeFile(host + "/idxval.ini", "[DB-COUNT]\nWDX00=4\nWDX01=3\nWFX00=0\n");
     nxtest::writeDbCount(host, "/wfx_idxval.ini", "WFX00", 3);
     auto sizeRecord = [&](const char* db) {
-        return QSettings(host + "/sbf_check_yn.ini", QSettings::IniFormat).value(QString("SBF_Size/%1.sbf").arg(db))
+        return QSettings(host + "/sbf_check_yn.ini", QSettings::IniFormat)
+            .value(QString("SBF_Size/%1.sbf").arg(db))
             .toString();
     };
 
@@ -125,17 +126,18 @@ TEST(EndToEndIndexing, TruncatedSourceFileSkipsTheRangesPastItsEnd)
     EXPECT_EQ(log.filter("Repeated [00001] times.").size(), 125);
 }
 
-
 TEST(EndToEndWalk, WithoutIdxndTheStartLinesAndOneError)
 {
     nxtest::TempInstall install;
     ASSERT_EQ(install.runIndexer(), 0);
     const QString log = install.logBodies().join('\n');
     EXPECT_TRUE(QRegularExpression(
-        "^\\[INFO\\]  \\[LoggerStarted\\] :: Build Date: \\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\n"
-        "\\[INFO\\]  \\[main\\] :: -{26}Build Date : 2024-12-12 04:30 PM -{28}\n"
-        "\\[ERROR\\]  \\[nxi::StartLoop\\] :: \\[0x[0-9A-F]{8}\\]: Error:Does not exist idxnd folder!$").match(log)
-                    .hasMatch()) << log;
+                    "^\\[INFO\\]  \\[LoggerStarted\\] :: Build Date: \\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\n"
+                    "\\[INFO\\]  \\[main\\] :: -{26}Build Date : 2024-12-12 04:30 PM -{28}\n"
+                    "\\[ERROR\\]  \\[nxi::StartLoop\\] :: \\[0x[0-9A-F]{8}\\]: Error:Does not exist idxnd folder!$")
+                    .match(log)
+                    .hasMatch())
+        << log;
     EXPECT_FALSE(QDir(install.host() + "/idxnd").exists());
 }
 
@@ -194,4 +196,4 @@ TEST(EndToEndBadInput, OverLongSourcePathsAreSkippedWithOneLineEachPass)
         EXPECT_FALSE(nxtest::exists(path)) << path;
 }
 
-} // namespace
+}  // namespace

@@ -71,8 +71,8 @@ struct Installation : nxtest::TempInstall {
                 lines << QString::asprintf("Repeated [%05d] times.", same - 1);
             i += same;
         }
-        QStringList actual = logBodies().replaceInStrings(QRegularExpression("^(\\[ERROR\\] .*) \\[0x[0-9A-F]{8}\\]: "),
-                                                          "\\1 ");
+        QStringList actual =
+            logBodies().replaceInStrings(QRegularExpression("^(\\[ERROR\\] .*) \\[0x[0-9A-F]{8}\\]: "), "\\1 ");
         ASSERT_FALSE(actual.isEmpty());
         const QString start = actual.takeFirst();
         EXPECT_TRUE(start.startsWith("[INFO]  [LoggerStarted] :: ")) << start;
@@ -109,7 +109,7 @@ TEST(EndToEndLog, DirectoryFailuresEndTheDatabasesRun)
 {
     const struct {
         const char *blockedByFile, *message;  // a plain file where the run needs a directory
-        bool stopsBoth;                       // wdx01 needs the same directory
+        bool stopsBoth;  // wdx01 needs the same directory
     } cases[] = {
         {"idxn", "Error: Could not create idxn directory in txhost - %1/idxn/", true},
         {"idxn/wdx00", "Error: Could not create idxn db directory in txhost - %1/idxn/wdx00", false},
@@ -126,4 +126,4 @@ TEST(EndToEndLog, DirectoryFailuresEndTheDatabasesRun)
     }
 }
 
-} // namespace
+}  // namespace

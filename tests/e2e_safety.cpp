@@ -51,13 +51,15 @@ TEST(EndToEndSafety, FullDiskAtAnIniSaveKeepsTheFileAndIsLogged)
         const QByteArray before = readFile(path);
         ASSERT_FALSE(before.isEmpty());
         ASSERT_EQ(db.run({"LD_PRELOAD=" NXFAULTINJECT_PATH, "NXFAULT_FAMILY=write",
-                          "NXFAULT_MATCH=" + QFileInfo(path).fileName()}), 0);
+                          "NXFAULT_MATCH=" + QFileInfo(path).fileName()}),
+                  0);
         EXPECT_EQ(readFile(path), before);
         const QStringList lines = db.errors(message);
         ASSERT_FALSE(lines.isEmpty());
         for (const QString& line : lines)
             EXPECT_EQ(line, errorLine(reporter, ENOSPC, message));
-        EXPECT_EQ(QDir(QFileInfo(path).path()).entryList({QFileInfo(path).fileName() + ".*"}, QDir::Files), QStringList());
+        EXPECT_EQ(QDir(QFileInfo(path).path()).entryList({QFileInfo(path).fileName() + ".*"}, QDir::Files),
+                  QStringList());
     }
 }
 
@@ -87,7 +89,11 @@ TEST(EndToEndSafety, SymbolicLinksAreNeverFollowed)
 {
     const QString notOpenable = "Error:Could not open following file for writing- ";
     const QString refused = "Error:Refused the following file, not a regular file- ";
-    struct Link { QString name; const char* reporter; QString message; };
+    struct Link {
+        QString name;
+        const char* reporter;
+        QString message;
+    };
     const QVector<QVector<Link>> runs = {
         {{"idxn/wdx00/%1.mnew", "WriteAllIndexing", notOpenable},
          {"idxn/wdx00/%2.dnew", "WriteAllIndexing", notOpenable},
@@ -157,7 +163,8 @@ TEST(EndToEndSafety, DataReachesTheDiskBeforeItIsInstalledAndMarked)
             ++installs;
         }
         if (to.endsWith("wdx00hl.ini")) {
-            for (const QString& dir : {nxformat::indexDirPath(db.host, "wdx00"), nxformat::entryDirPath(db.host, "wdx00")})
+            for (const QString& dir :
+                 {nxformat::indexDirPath(db.host, "wdx00"), nxformat::entryDirPath(db.host, "wdx00")})
                 EXPECT_TRUE(synced.contains(dir)) << "mark written before " << dir << " was synced";
             ++marks;
         }
@@ -167,4 +174,4 @@ TEST(EndToEndSafety, DataReachesTheDiskBeforeItIsInstalledAndMarked)
     EXPECT_GT(marks, 100);
 }
 
-} // namespace
+}  // namespace

@@ -22,8 +22,9 @@ QString probe(QProcess& p, const QString& name, const char* mode = "try")
 
 TEST(Guard, OneHolderAcrossProcessesAndUnusableName)
 {
-    const QString name = QString("nxguard-test-%1-%2").arg(QCoreApplication::applicationPid()).arg(
-        QRandomGenerator::global()->generate64(), 0, 16);
+    const QString name = QString("nxguard-test-%1-%2")
+                             .arg(QCoreApplication::applicationPid())
+                             .arg(QRandomGenerator::global()->generate64(), 0, 16);
     const QString socket = QDir::tempPath() + "/" + name;
     QProcess holder, killed, once;
     {
@@ -53,8 +54,7 @@ TEST(Guard, OneHolderAcrossProcessesAndUnusableName)
 
     SingleInstanceApp bad;
     EXPECT_EQ(bad.CreateAppInstance(socket + "-none/socket"), 2);
-    EXPECT_TRUE(bad.Error_String().startsWith("QLocalServer::listen: "))
-        << bad.Error_String().toStdString();
+    EXPECT_TRUE(bad.Error_String().startsWith("QLocalServer::listen: ")) << bad.Error_String().toStdString();
 }
 
-} // namespace
+}  // namespace

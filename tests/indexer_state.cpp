@@ -22,9 +22,14 @@ TEST_F(StateFiles, DbCountComesFromTheFileOfTheDatabase)
 {
     nxtest::writeFile(host() + "/idxval.ini", "[DB-COUNT]\nWDX00=43\nWFX01=7\nWFX00=99\n");
     nxtest::writeFile(host() + "/wfx_idxval.ini", "[DB-COUNT]\nWFX00=12\n");
-    const struct { const char* db; int count; const char* file; } cases[] = {
-        {"wdx00", 43, "/idxval.ini"}, {"wfx01", 7, "/idxval.ini"},
-        {"wfx00", 12, "/wfx_idxval.ini"}, {"wdx01", 0, "/idxval.ini"}};
+    const struct {
+        const char* db;
+        int count;
+        const char* file;
+    } cases[] = {{"wdx00", 43, "/idxval.ini"},
+                 {"wfx01", 7, "/idxval.ini"},
+                 {"wfx00", 12, "/wfx_idxval.ini"},
+                 {"wdx01", 0, "/idxval.ini"}};
     for (const auto& c : cases) {
         useDatabase(c.db);
         EXPECT_EQ(m_Indexer.GetValDBCount(), c.count) << c.db;
@@ -75,16 +80,21 @@ TEST_F(StateFiles, ProgressFileWrittenSortedAndReadByItsTokenRules)
         all += QString::asprintf("%02x=%02d\n", bucket, bucket % 50).toUtf8();
         allMarks[size_t(bucket)] = bucket % 50;
     }
-    const struct { QByteArray text; std::vector<int> marks; } cases[] = {
+    const struct {
+        QByteArray text;
+        std::vector<int> marks;
+    } cases[] = {
         {"[hlpr]\n00=05\n01=-1\n02=07\n", marksWith({{0, 5}, {2, 7}})},
         {"[hlpr]\n00=05\n01=05\n03=05\n", marksWith({{0, 5}, {1, 5}})},  // 03 arrives where 02 was due
-        {"[hlpr]\n01=05\n02=05\n", marksWith({})},                        // 01 consumed in 00's place
+        {"[hlpr]\n01=05\n02=05\n", marksWith({})},  // 01 consumed in 00's place
         {"[hlpr]\n00=1\n01=2\n02=3\n03=4\n04=\n05=6\n", marksWith({{0, 1}, {1, 2}, {2, 3}, {3, 4}, {5, 6}})},
         {"[hlpr]\n00=1\n01=2\n02=3\n03=4\n04\n05=6\n", marksWith({{0, 1}, {1, 2}, {2, 3}, {3, 4}})},
         {"[hlpr]\r\n\r\n00=05\r\n\r\n\r\n01=123\r\n", marksWith({{0, 5}, {1, 123}})},
         {"[hlpr]\n00\n01=3\n", marksWith({{1, 3}})},  // 00 without "=" clears slot 0 and goes on
         {"[hlpr]\n00=-2000000000\n01=99999999999\n", marksWith({{0, -1}, {1, 2147483646}})},
-        {"[hlpr]\n", marksWith({})}, {"", marksWith({})}, {all + "100=7\n", allMarks},
+        {"[hlpr]\n", marksWith({})},
+        {"", marksWith({})},
+        {all + "100=7\n", allMarks},
     };
     for (const auto& c : cases) {
         nxtest::writeFile(host() + "/progress.ini", c.text);
@@ -92,4 +102,4 @@ TEST_F(StateFiles, ProgressFileWrittenSortedAndReadByItsTokenRules)
     }
 }
 
-} // namespace
+}  // namespace

@@ -5,7 +5,9 @@ namespace {
 
 TEST(IndexFormat, CompareOrdersByTheWrappedKeyDifference)
 {
-    const struct { uint32_t first, second; } cases[] = {{66049, 66051}, {0x80000001u, 0}, {0, 0x7FFFFFFFu}};
+    const struct {
+        uint32_t first, second;
+    } cases[] = {{66049, 66051}, {0x80000001u, 0}, {0, 0x7FFFFFFFu}};
     for (const auto& c : cases) {
         QByteArray first = nxtest::makeRecord(c.first, 1), second = nxtest::makeRecord(c.second, 2);
         EXPECT_LT(compare(first.constData(), second.constData()), 0) << c.first << " vs " << c.second;
@@ -68,15 +70,25 @@ TEST_F(EntryTable, RangesOfTheWorkedExampleAndRefusedOnes)
     // Bucket 0 never reads bytes 0-3; bucket 255 ends with the last whole record.
     const QByteArray worked = patched(0, "ffffffff") + nxtest::makeRecord(1, 1) + nxtest::makeRecord(2, 2) + "1234567";
     using Range = std::vector<DWORD>;
-    const struct { int bucket; QByteArray file; Range range; QString message; } cases[] = {
-        {0, worked, {0, 2}, {}}, {1, worked, {2, 2}, {}}, {2, worked, {2, 5}, {}}, {3, worked, {5, 10}, {}},
-        {254, worked, {10, 10}, {}}, {255, worked, {10, 12}, {}},
-        {0, example().left(7), {}, readFailed}, {5, example().left(27), {}, readFailed},  // too short for the slots
-        {254, example().left(1023), {}, readFailed}, {255, example().left(1023), {}, readFailed},
-        {3, patched(4, "04000000"), {}, corrupt + "03, low 5, high 4)"},     // start of 4 below start of 3
-        {4, patched(5, "0b000000"), {}, corrupt + "04, low 10, high 11)"},  // end past the 10 records
-        {255, patched(255, "f0ffffff"), {}, corrupt + "ff, low 4294967280, high 10)"},
-        {1, QByteArray(), {}, "Could not open following db file- " + path + " - code -> 2 "}};  // no file
+    const struct {
+        int bucket;
+        QByteArray file;
+        Range range;
+        QString message;
+    } cases[] = {{0, worked, {0, 2}, {}},
+                 {1, worked, {2, 2}, {}},
+                 {2, worked, {2, 5}, {}},
+                 {3, worked, {5, 10}, {}},
+                 {254, worked, {10, 10}, {}},
+                 {255, worked, {10, 12}, {}},
+                 {0, example().left(7), {}, readFailed},
+                 {5, example().left(27), {}, readFailed},  // too short for the slots
+                 {254, example().left(1023), {}, readFailed},
+                 {255, example().left(1023), {}, readFailed},
+                 {3, patched(4, "04000000"), {}, corrupt + "03, low 5, high 4)"},  // start of 4 below start of 3
+                 {4, patched(5, "0b000000"), {}, corrupt + "04, low 10, high 11)"},  // end past the 10 records
+                 {255, patched(255, "f0ffffff"), {}, corrupt + "ff, low 4294967280, high 10)"},
+                 {1, QByteArray(), {}, "Could not open following db file- " + path + " - code -> 2 "}};  // no file
     for (const auto& c : cases) {
         // A new file each time: one rewritten in place within a tick of the clock would read as it was.
         QFile::remove(path);
@@ -96,8 +108,11 @@ TEST_F(EntryTable, PassesVisitFilesUpToDbCountMinusTwoSkippingMissingAndCorrupt)
     QStringList skipped = errorLog("CalculateSizeOfIndex", "Yn File Not exist : " + sourcePath(1)) +
                           errorLog("GetIndexHighAndLow", "Error: Corrupt bucket range in the following file- " +
                                                              sourcePath(2) + " (bucket 07, low 0, high 99)");
-    const struct { int firstFile, dbCount; DWORD size; int lastFile; } cases[] = {
-        {0, 5, 16 * (1 + 4), 3}, {3, 5, 16 * 4, 3}, {4, 5, 0, 3}, {6, 5, 0, 5}, {0, 1, 0, -1}, {0, 0, 0, -1}};
+    const struct {
+        int firstFile, dbCount;
+        DWORD size;
+        int lastFile;
+    } cases[] = {{0, 5, 16 * (1 + 4), 3}, {3, 5, 16 * 4, 3}, {4, 5, 0, 3}, {6, 5, 0, 5}, {0, 1, 0, -1}, {0, 0, 0, -1}};
     for (const auto& c : cases) {
         int lastFile = 99;
         EXPECT_EQ(pass(false, c.dbCount, c.firstFile, &lastFile), c.size) << c.firstFile << "/" << c.dbCount;
@@ -164,15 +179,28 @@ TEST_F(EntryTable, AllocationCountsTheHelperWhichLoadsAtTheHeadUnlessItChanged)
         return errorLog("AllocateIndexBuffer",
                         QString("Error: Bucket 07 too large to index - %1 bytes, more than 65535 records").arg(bytes));
     };
-    const QStringList tooSmall = errorLog("ReadHelperFile", "Error: Entry table too small for the following file(helper "
-                                                            "buffer) - " + path + " (64 bytes, room for 48)");
+    const QStringList tooSmall = errorLog("ReadHelperFile",
+                                          "Error: Entry table too small for the following file(helper "
+                                          "buffer) - " +
+                                              path + " (64 bytes, room for 48)");
     // The new bytes; the helper's size when sized and when read (-1: gone by then; -2: a directory, last as it stays).
-    const struct { DWORD size; int sized, read; bool fits; QStringList log; } cases[] = {
-        {16, 48, 48, true, {}}, {16, 50, 50, true, {}}, {16, 0, 0, true, {}}, {16, 32, -1, true, {}},
-        {16, 32, 64, true, tooSmall}, {65535 * 16, 0, 0, true, {}}, {65535 * 16 - 15, 15 + 15, 30, true, {}},
-        {65535 * 16, 16, 16, false, tooLarge(65535 * 16 + 16)}, {0xFFFFFFFFu, 0, 0, false, tooLarge(0xFFFFFFFFu)},
-        {16, -2, -2, true, errorLog("AllocateIndexBuffer", notRegular + path) +
-                               errorLog("ReadHelperFile", "Error:Unable to get file size! - " + path)}};
+    const struct {
+        DWORD size;
+        int sized, read;
+        bool fits;
+        QStringList log;
+    } cases[] = {{16, 48, 48, true, {}},
+                 {16, 50, 50, true, {}},
+                 {16, 0, 0, true, {}},
+                 {16, 32, -1, true, {}},
+                 {16, 32, 64, true, tooSmall},
+                 {65535 * 16, 0, 0, true, {}},
+                 {65535 * 16 - 15, 15 + 15, 30, true, {}},
+                 {65535 * 16, 16, 16, false, tooLarge(65535 * 16 + 16)},
+                 {0xFFFFFFFFu, 0, 0, false, tooLarge(0xFFFFFFFFu)},
+                 {16, -2, -2, true,
+                  errorLog("AllocateIndexBuffer", notRegular + path) +
+                      errorLog("ReadHelperFile", "Error:Unable to get file size! - " + path)}};
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.size << " bytes, helper " << c.sized << " then " << c.read);
         QFile::remove(path);
@@ -196,20 +224,23 @@ TEST_F(EntryTable, AllocationCountsTheHelperWhichLoadsAtTheHeadUnlessItChanged)
     }
 }
 
-} // namespace
+}  // namespace
 
 // A source file stays open with its start table read once, yet each call reads what a fresh open would.
 TEST_F(EntryTable, KeptSourceFilesFollowWhatThePathNamesNow)
 {
     const QString path = sourcePath(0);
     const QString opened = "Could not open following db file- " + path + " - code -> %1 ";
-    const struct { const char* change; std::vector<DWORD> range; QStringList log; } steps[] = {
-        {"write", {2, 5}, {}},
-        {"rewrite", {2, 6}, {}},  // one record more in bucket 2, in place
-        {"replace", {2, 5}, {}},  // a new file renamed over it
-        {"remove", {}, errorLog("GetIndexHighAndLow", opened.arg(ENOENT))},
-        {"write", {2, 5}, {}},
-        {"link", {}, errorLog("GetIndexHighAndLow", opened.arg(ELOOP))}};  // to a copy, in its place
+    const struct {
+        const char* change;
+        std::vector<DWORD> range;
+        QStringList log;
+    } steps[] = {{"write", {2, 5}, {}},
+                 {"rewrite", {2, 6}, {}},  // one record more in bucket 2, in place
+                 {"replace", {2, 5}, {}},  // a new file renamed over it
+                 {"remove", {}, errorLog("GetIndexHighAndLow", opened.arg(ENOENT))},
+                 {"write", {2, 5}, {}},
+                 {"link", {}, errorLog("GetIndexHighAndLow", opened.arg(ELOOP))}};  // to a copy, in its place
     for (const auto& step : steps) {
         const QString change = step.change;
         const QByteArray bytes = example(change == "rewrite" ? 4 : 3);

@@ -18,8 +18,9 @@ protected:
     static QByteArray contentOf(IndexFile file, uint32_t salt)
     {
         QByteArray record = nxtest::makeRecord(0x4c000000 + salt, salt);
-        return file == IndexFile::Entry ? record : file == IndexFile::Payload
-            ? record.mid(4) : record.left(2) + QByteArray(2, '\0') + QByteArray(510, '\xff');
+        return file == IndexFile::Entry     ? record
+               : file == IndexFile::Payload ? record.mid(4)
+                                            : record.left(2) + QByteArray(2, '\0') + QByteArray(510, '\xff');
     }
     QStringList existing()
     {
@@ -87,21 +88,31 @@ TEST_F(Writer, FailureBeforeTheRotationLeavesNoCurrentFiles)
 {
     // A directory at the file's name, or a link (to /dev/full) that is never opened; file 3 is the status file.
     const QString notOpenable = "Error:Could not open following file for writing- ";
-    const struct { int file; bool link; QString message; int pendingLeft; } cases[] = {
-        {0, false, notOpenable, 0}, {1, false, notOpenable, 1},
-        {2, false, "Error:Could not open following file for helper writing- ", 2},
-        {1, true, notOpenable, 1}, {3, false, "", 3}, {3, true, "", 3}};
+    const struct {
+        int file;
+        bool link;
+        QString message;
+        int pendingLeft;
+    } cases[] = {{0, false, notOpenable, 0},
+                 {1, false, notOpenable, 1},
+                 {2, false, "Error:Could not open following file for helper writing- ", 2},
+                 {1, true, notOpenable, 1},
+                 {3, false, "", 3},
+                 {3, true, "", 3}};
     for (const auto& c : cases) {
         useDatabase(QString("wdx1%1").arg(&c - cases));
         QString target = c.file < 3 ? indexPath(kFiles[c.file], Generation::Pending, 0x21) : m_Indexer.m_SbfTmpPath;
         QFile::remove(target);
         c.link ? QFile::link("/dev/full", target) : QDir().mkpath(target);
         EXPECT_FALSE(writeBucket(0x21, nxtest::makeRecord(0x21000001, 1))) << qPrintable(target);
-        EXPECT_EQ(takeLog(), c.message.isEmpty()
-            ? errorLog("WriteAllIndexing", QString("Could not open following file for writing- code -> %1 ")
-                                               .arg(c.link ? ELOOP : EISDIR)) +
-                  errorLog("WriteAllIndexing", target)
-            : errorLog("WriteAllIndexing", c.message + target));
+        EXPECT_EQ(
+            takeLog(),
+            c.message.isEmpty()
+                ? errorLog(
+                      "WriteAllIndexing",
+                      QString("Could not open following file for writing- code -> %1 ").arg(c.link ? ELOOP : EISDIR)) +
+                      errorLog("WriteAllIndexing", target)
+                : errorLog("WriteAllIndexing", c.message + target));
         if (c.file < 3) {
             EXPECT_EQ(status(), QByteArray(1024, '\0'));
         }
@@ -117,7 +128,10 @@ TEST_F(Writer, FailureBeforeTheRotationLeavesNoCurrentFiles)
 TEST_F(Writer, RotationReplacesAllThreeOrPutsBackTheFilesAlreadyMoved)
 {
     // The file whose move is blocked; -1: none, a stale previous key file instead, which goes too.
-    const struct { int failing; bool oldVersions; } cases[] = {{-1, true}, {0, true}, {1, true}, {2, true}, {1, false}};
+    const struct {
+        int failing;
+        bool oldVersions;
+    } cases[] = {{-1, true}, {0, true}, {1, true}, {2, true}, {1, false}};
     const QStringList onlyCurrent = {"4c.d", "4c.m", "4c.hl"};
     for (const auto& c : cases) {
         useDatabase(QString("wdx2%1").arg(&c - cases));
@@ -151,4 +165,4 @@ TEST_F(Writer, RotationReplacesAllThreeOrPutsBackTheFilesAlreadyMoved)
     }
 }
 
-} // namespace
+}  // namespace

@@ -35,19 +35,28 @@ TEST_F(Logger, LineBytesCodePieceAndMethodNames)
     QRegularExpressionMatch match = head.match(QString::fromUtf8(nxtest::readFile(path)));
     ASSERT_TRUE(match.hasMatch()) << nxtest::readFile(path).left(200).constData();
     EXPECT_TRUE(QDateTime::fromString(match.captured(2), "yyyy-MM-dd hh:mm:ss:zzz").isValid());
-    EXPECT_EQ(bodies().mid(1), QStringList({"[ERROR]  [nxi::ReadHelperFile] :: [0xFFFFFFFF]: ReadFile 7",
-                                            "[ERROR]  [] :: [0x00000002]: x",
-                                            "[TRACE]  [a)] :: " + QString(100000, 'y')}));
+    EXPECT_EQ(bodies().mid(1),
+              QStringList({"[ERROR]  [nxi::ReadHelperFile] :: [0xFFFFFFFF]: ReadFile 7",
+                           "[ERROR]  [] :: [0x00000002]: x", "[TRACE]  [a)] :: " + QString(100000, 'y')}));
     EXPECT_TRUE(nxtest::readFile(path).endsWith(QByteArray(100000, 'y') + "\r\n"));
 }
 
 TEST_F(Logger, LevelsLetThroughTheirEntryPoints)
 {
-    const QStringList all = {"[ERROR]  [main] :: [0x00000002]: e", "[ALWAYS]  [main] :: a", "[INFO]  [main] :: i",
-                             "[TRACE]  [main] :: t", " [main] :: b", "[DEBUG]  [main] :: d"};
-    struct Case { void (*set)(CLogger&); int passing; };
+    const QStringList all = {"[ERROR]  [main] :: [0x00000002]: e",
+                             "[ALWAYS]  [main] :: a",
+                             "[INFO]  [main] :: i",
+                             "[TRACE]  [main] :: t",
+                             " [main] :: b",
+                             "[DEBUG]  [main] :: d"};
+    struct Case {
+        void (*set)(CLogger&);
+        int passing;
+    };
     const Case cases[] = {
-        {[](CLogger&) {}, 4}, {[](CLogger& l) { l.DisableLog(); }, 2}, {[](CLogger& l) { l.EnaleLog(); }, 6},
+        {[](CLogger&) {}, 4},
+        {[](CLogger& l) { l.DisableLog(); }, 2},
+        {[](CLogger& l) { l.EnaleLog(); }, 6},
         {[](CLogger& l) { l.UpdateLogLevel(LOGGER::LOG_LEVEL(0)); }, 2},
         {[](CLogger& l) { l.UpdateLogLevel(LOGGER::LOG_LEVEL(-5)); }, 2},
         {[](CLogger& l) { l.UpdateLogLevel(LOGGER::LEVEL_INFO); }, 3},
@@ -58,7 +67,12 @@ TEST_F(Logger, LevelsLetThroughTheirEntryPoints)
         CLogger l(casePath.toStdString());
         c.set(l);
         const char* fn = "int main(int, char**)";
-        l.Error(fn, 2, "e"); l.Always(fn, "a"); l.Info(fn, "i"); l.Trace(fn, "t"); l.Buffer(fn, "b"); l.Debug(fn, "d");
+        l.Error(fn, 2, "e");
+        l.Always(fn, "a");
+        l.Info(fn, "i");
+        l.Trace(fn, "t");
+        l.Buffer(fn, "b");
+        l.Debug(fn, "d");
         EXPECT_EQ(nxtest::logBodies(casePath).mid(1), all.mid(0, c.passing)) << casePath;
     }
 }
@@ -79,11 +93,19 @@ TEST_F(Logger, ConsoleLinesEndInNewlineAndOtherTypesAreSilent)
 
 TEST(LoggerNames, ProgramNameFallsBackToExeThenUnknownAndNamesTheSharedLog)
 {
-    struct Case { QStringList args; QString exe; QString name; };
+    struct Case {
+        QStringList args;
+        QString exe;
+        QString name;
+    };
     const Case cases[] = {
-        {{"/usr/bin/nxindexer", "x"}, "/a/other", "nxindexer"}, {{" /opt/ nx  "}, "", "nx"},
-        {{"/usr/bin/"}, "/a/other", "/usr/bin/"}, {{"   "}, "/opt/tv/bin/nxindexer", "nxindexer"},
-        {{}, "/opt/tv/bin/nxindexer", "nxindexer"}, {{}, "", "Unknown"}, {{" "}, "/", "Unknown"},
+        {{"/usr/bin/nxindexer", "x"}, "/a/other", "nxindexer"},
+        {{" /opt/ nx  "}, "", "nx"},
+        {{"/usr/bin/"}, "/a/other", "/usr/bin/"},
+        {{"   "}, "/opt/tv/bin/nxindexer", "nxindexer"},
+        {{}, "/opt/tv/bin/nxindexer", "nxindexer"},
+        {{}, "", "Unknown"},
+        {{" "}, "/", "Unknown"},
     };
     for (const Case& c : cases)
         EXPECT_EQ(CLogger::programNameFrom(c.args, c.exe), c.name) << c.args.join('|');
@@ -147,4 +169,4 @@ TEST(LoggerBackup, OversizedLogMovesToBackupAtStartAndAtARepeat)
     EXPECT_EQ(nxtest::logBodies(path), QStringList({"[TRACE]  [f] :: fresh", "Repeated [00001] times."}));
 }
 
-} // namespace
+}  // namespace

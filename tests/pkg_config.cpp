@@ -62,8 +62,8 @@ TEST(PkgConfig, ConsumerBuiltWithPkgConfigFindsIndexedRecords)
     nxtest::writeDbCount(install.host(), "/idxval.ini", "WDX00", 3);
     ASSERT_EQ(install.runIndexer(), 0);
     // Under AddressSanitizer the library brings its runtime, which then is not the first library loaded.
-    env.insert("ASAN_OPTIONS", env.value("ASAN_OPTIONS") + (env.contains("ASAN_OPTIONS") ? ":" : "") +
-                                   "verify_asan_link_order=0");
+    env.insert("ASAN_OPTIONS",
+               env.value("ASAN_OPTIONS") + (env.contains("ASAN_OPTIONS") ? ":" : "") + "verify_asan_link_order=0");
     const QString consumer = install.root() + "/consumer";
     EXPECT_EQ(run(consumer, {install.host(), "wdx00", "2a0b0c0d"}, env), "1 " + present.mid(4).toHex());
     EXPECT_EQ(run(consumer, {install.host(), "wdx00", "2a0b0c0c"}, env), "0");

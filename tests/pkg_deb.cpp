@@ -21,9 +21,11 @@ TEST(PkgDeb, PackageInstallsIndexesAndKeepsData)
         GTEST_SKIP() << "making and checking the package needs dpkg-deb, dpkg-shlibdeps (dpkg-dev), file and lintian";
     QTemporaryDir dir(QDir::tempPath() + "/nxi-pkg-XXXXXX");
     const QString tmp = dir.path(), fixedRoot = "/usr/lib/TalvexSuite", root = tmp + "/x" + fixedRoot;
-    Output made = run(NXPKG_CPACK, {"-G", "DEB", "-B", tmp + "/out", "--config", NXPKG_BINARY_DIR "/CPackConfig.cmake"});
+    Output made =
+        run(NXPKG_CPACK, {"-G", "DEB", "-B", tmp + "/out", "--config", NXPKG_BINARY_DIR "/CPackConfig.cmake"});
     ASSERT_EQ(made.status, 0) << made.out << made.err;
-    const QString deb = tmp + "/out/nxindexer_" NXPKG_VERSION "_" + run("dpkg", {"--print-architecture"}).out.trimmed() + ".deb";
+    const QString deb =
+        tmp + "/out/nxindexer_" NXPKG_VERSION "_" + run("dpkg", {"--print-architecture"}).out.trimmed() + ".deb";
     ASSERT_EQ(run("dpkg-deb", {"-x", deb, tmp + "/x"}).status, 0);
     ASSERT_EQ(run("dpkg-deb", {"-e", deb, tmp + "/control"}).status, 0);
 
@@ -38,40 +40,70 @@ TEST(PkgDeb, PackageInstallsIndexesAndKeepsData)
     };
     const QString d = "drwxr-xr-x root/root ./", x = "-rwxr-xr-x root/root ./", r = "-rw-r--r-- root/root ./",
                   l = "lrwxrwxrwx root/root ./";
-    const QStringList expected = {d + "lib/", d + "lib/systemd/", d + "lib/systemd/system/",
-        r + "lib/systemd/system/nxindexer.service", r + "lib/systemd/system/nxindexer.timer", d + "usr/",
-        d + "usr/bin/", l + "usr/bin/nxinspect", d + "usr/lib/", d + "usr/lib/TalvexSuite/",
-        d + "usr/lib/TalvexSuite/bin/", x + "usr/lib/TalvexSuite/bin/nxindexer",
-        x + "usr/lib/TalvexSuite/bin/nxinspect", d + "usr/lib/TalvexSuite/lib/",
-        l + "usr/lib/TalvexSuite/lib/libnxindex.so.1", r + "usr/lib/TalvexSuite/lib/libnxindex.so.1.0.0",
-        d + "usr/share/", d + "usr/share/doc/", d + "usr/share/doc/nxindexer/",
-        r + "usr/share/doc/nxindexer/changelog.gz", r + "usr/share/doc/nxindexer/copyright", d + "usr/share/man/",
-        d + "usr/share/man/man1/", r + "usr/share/man/man1/nxinspect.1.gz", d + "usr/share/man/man8/",
-        r + "usr/share/man/man8/nxindexer.8.gz"};
+    const QStringList expected = {d + "lib/",
+                                  d + "lib/systemd/",
+                                  d + "lib/systemd/system/",
+                                  r + "lib/systemd/system/nxindexer.service",
+                                  r + "lib/systemd/system/nxindexer.timer",
+                                  d + "usr/",
+                                  d + "usr/bin/",
+                                  l + "usr/bin/nxinspect",
+                                  d + "usr/lib/",
+                                  d + "usr/lib/TalvexSuite/",
+                                  d + "usr/lib/TalvexSuite/bin/",
+                                  x + "usr/lib/TalvexSuite/bin/nxindexer",
+                                  x + "usr/lib/TalvexSuite/bin/nxinspect",
+                                  d + "usr/lib/TalvexSuite/lib/",
+                                  l + "usr/lib/TalvexSuite/lib/libnxindex.so.1",
+                                  r + "usr/lib/TalvexSuite/lib/libnxindex.so.1.0.0",
+                                  d + "usr/share/",
+                                  d + "usr/share/doc/",
+                                  d + "usr/share/doc/nxindexer/",
+                                  r + "usr/share/doc/nxindexer/changelog.gz",
+                                  r + "usr/share/doc/nxindexer/copyright",
+                                  d + "usr/share/man/",
+                                  d + "usr/share/man/man1/",
+                                  r + "usr/share/man/man1/nxinspect.1.gz",
+                                  d + "usr/share/man/man8/",
+                                  r + "usr/share/man/man8/nxindexer.8.gz"};
     EXPECT_EQ(entriesOf(deb), expected.join('\n'));
     // The development package: header, static library, link and pkg-config file under the root, and a link
     // from the system's pkg-config directory to the latter.
     const QString dev = QString(deb).replace("/nxindexer_", "/nxindexer-dev_"),
-                  pcDir = "usr/lib/" + QFileInfo(QString::fromLocal8Bit(NXPKG_PKGCONFIG_LINK_DIR)).dir().dirName() + "/";
-    const QStringList expectedDev = {d + "usr/", d + "usr/lib/", d + "usr/lib/TalvexSuite/",
-        d + "usr/lib/TalvexSuite/include/", r + "usr/lib/TalvexSuite/include/nxindex.h", d + "usr/lib/TalvexSuite/lib/",
-        r + "usr/lib/TalvexSuite/lib/libnxindex.a", l + "usr/lib/TalvexSuite/lib/libnxindex.so",
-        d + "usr/lib/TalvexSuite/lib/pkgconfig/", r + "usr/lib/TalvexSuite/lib/pkgconfig/nxindex.pc", d + pcDir,
-        d + pcDir + "pkgconfig/", l + pcDir + "pkgconfig/nxindex.pc", d + "usr/share/", d + "usr/share/doc/",
-        d + "usr/share/doc/nxindexer-dev/", r + "usr/share/doc/nxindexer-dev/changelog.gz",
-        r + "usr/share/doc/nxindexer-dev/copyright"};
+                  pcDir =
+                      "usr/lib/" + QFileInfo(QString::fromLocal8Bit(NXPKG_PKGCONFIG_LINK_DIR)).dir().dirName() + "/";
+    const QStringList expectedDev = {d + "usr/",
+                                     d + "usr/lib/",
+                                     d + "usr/lib/TalvexSuite/",
+                                     d + "usr/lib/TalvexSuite/include/",
+                                     r + "usr/lib/TalvexSuite/include/nxindex.h",
+                                     d + "usr/lib/TalvexSuite/lib/",
+                                     r + "usr/lib/TalvexSuite/lib/libnxindex.a",
+                                     l + "usr/lib/TalvexSuite/lib/libnxindex.so",
+                                     d + "usr/lib/TalvexSuite/lib/pkgconfig/",
+                                     r + "usr/lib/TalvexSuite/lib/pkgconfig/nxindex.pc",
+                                     d + pcDir,
+                                     d + pcDir + "pkgconfig/",
+                                     l + pcDir + "pkgconfig/nxindex.pc",
+                                     d + "usr/share/",
+                                     d + "usr/share/doc/",
+                                     d + "usr/share/doc/nxindexer-dev/",
+                                     r + "usr/share/doc/nxindexer-dev/changelog.gz",
+                                     r + "usr/share/doc/nxindexer-dev/copyright"};
     EXPECT_EQ(entriesOf(dev), expectedDev.join('\n'));
     ASSERT_EQ(run("dpkg-deb", {"-x", dev, tmp + "/x"}).status, 0);
     EXPECT_EQ(QFile::symLinkTarget(tmp + "/x/" + pcDir + "pkgconfig/nxindex.pc"),
               tmp + "/x" + fixedRoot + "/lib/pkgconfig/nxindex.pc");
-    EXPECT_TRUE(nxtest::readFile(tmp + "/x" + fixedRoot + "/lib/pkgconfig/nxindex.pc").startsWith("prefix=" + fixedRoot.toUtf8() + "\n"));
+    EXPECT_TRUE(nxtest::readFile(tmp + "/x" + fixedRoot + "/lib/pkgconfig/nxindex.pc")
+                    .startsWith("prefix=" + fixedRoot.toUtf8() + "\n"));
     EXPECT_EQ(run("dpkg-deb", {"-f", dev, "Package", "Depends", "Section"}).out,
               "Package: nxindexer-dev\nDepends: nxindexer (= " NXPKG_VERSION ")\nSection: libdevel\n");
     EXPECT_EQ(QFile::symLinkTarget(tmp + "/x/usr/bin/nxinspect"), tmp + "/x" + fixedRoot + "/bin/nxinspect");
     Output linted = run("lintian", {"--allow-root", "--fail-on", "error,warning", deb, dev});
     EXPECT_EQ(linted.status, 0) << linted.out << linted.err;
     EXPECT_EQ(run("dpkg-deb", {"-f", deb, "Package", "Version", "Section", "Maintainer"}).out,
-              "Package: nxindexer\nVersion: " NXPKG_VERSION "\nSection: admin\n"
+              "Package: nxindexer\nVersion: " NXPKG_VERSION
+              "\nSection: admin\n"
               "Maintainer: Talvex endpoint team <endpoint@talvex.invalid>\n");
     QString depends = run("dpkg-deb", {"-f", deb, "Depends"}).out;
     EXPECT_TRUE(depends.startsWith("init-system-helpers") && depends.contains("libqt5core5a (>=")) << depends;
@@ -82,8 +114,13 @@ TEST(PkgDeb, PackageInstallsIndexesAndKeepsData)
     QFile::setPermissions(tmp + "/stub/deb-systemd-helper", QFile::ReadOwner | QFile::ExeOwner);
     const QStringList env = {"DPKG_ROOT=" + tmp + "/target", "NXPKG_CALLS=" + calls,
                              "PATH=" + tmp + "/stub:" + QString::fromLocal8Bit(qgetenv("PATH"))};
-    const struct { const char* script; const char* action; const char* calls; } steps[] = {
-        {"postinst", "configure", "unmask nxindexer.timer\n--quiet was-enabled nxindexer.timer\nenable nxindexer.timer\n"},
+    const struct {
+        const char* script;
+        const char* action;
+        const char* calls;
+    } steps[] = {
+        {"postinst", "configure",
+         "unmask nxindexer.timer\n--quiet was-enabled nxindexer.timer\nenable nxindexer.timer\n"},
         {"prerm", "remove", ""},
         {"postrm", "remove", "mask nxindexer.timer\n"},
         {"postrm", "purge", "purge nxindexer.timer\nunmask nxindexer.timer\n"},
@@ -96,7 +133,8 @@ TEST(PkgDeb, PackageInstallsIndexesAndKeepsData)
         EXPECT_EQ(nxtest::readFile(calls).toStdString(), step.calls);
         // Without systemd at work in the target, the timer waits for the next boot, and postinst says so.
         EXPECT_EQ(result.err.contains("nxindexer.timer was enabled but not started"),
-                  step.script == std::string("postinst")) << result.err;
+                  step.script == std::string("postinst"))
+            << result.err;
         if (step.script == std::string("postinst")) {
             EXPECT_EQ(int(QFileInfo(target + "/db/txhost").permissions() & 0x7077), 0x7055);
             EXPECT_EQ(int(QFileInfo(target + "/logs").permissions() & 0x7077), 0x7050);
@@ -144,4 +182,4 @@ TEST(PkgDeb, PackageInstallsIndexesAndKeepsData)
     EXPECT_EQ((checked.out + checked.err), "");
 }
 
-} // namespace
+}  // namespace

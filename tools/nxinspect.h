@@ -34,8 +34,8 @@ QStringList indexedDatabases(const QString& host);
 
 // A bucket's key or payload file (index directory) or entry file (entry
 // directory) under one of its three names.
-QString indexFilePath(const QString& host, const QString& db, nxformat::IndexFile file,
-                      nxformat::Generation generation, int bucket);
+QString indexFilePath(const QString& host, const QString& db, nxformat::IndexFile file, nxformat::Generation generation,
+                      int bucket);
 
 // Reads a whole file (up to 1 GiB; never through a symbolic link).
 constexpr qint64 kMaxReadSize = qint64(1) << 30;
@@ -95,17 +95,17 @@ struct DatabaseSummary {
     uint64_t keyBytes = 0, payloadBytes = 0, entryBytes = 0;
     bool hasStatusFile = false;
     uint64_t statusBytes = 0;
-    int blocks = 0;            // non-zero slots of the status file's head
-    QString sizeRecord;        // the SBF size record's value, empty when none
+    int blocks = 0;  // non-zero slots of the status file's head
+    QString sizeRecord;  // the SBF size record's value, empty when none
     std::optional<int> sizeRecordBytes;
-    int markedBuckets = 0;     // buckets with a last merged file number
+    int markedBuckets = 0;  // buckets with a last merged file number
     int lowestMark = -1, highestMark = -1;
-    int marksRead = 0;         // of those, the ones the indexer's reader takes in
+    int marksRead = 0;  // of those, the ones the indexer's reader takes in
 };
 DatabaseSummary summarizeDatabase(const QString& host, const QString& db);
 QString formatSummary(const DatabaseSummary& summary);
 QJsonObject toJson(const DatabaseSummary& summary);
 
-} // namespace nxinspect
+}  // namespace nxinspect
 
 #endif

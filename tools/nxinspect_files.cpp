@@ -32,7 +32,7 @@ bool walkOrderLess(const QString& a, const QString& b)
     return a.mid(3).toInt() < b.mid(3).toInt();
 }
 
-} // namespace
+}  // namespace
 
 QString hostOf(const QString& root) { return root + "/db/txhost"; }
 
@@ -51,18 +51,15 @@ QStringList indexedDatabases(const QString& host)
     return databases;
 }
 
-QString indexFilePath(const QString& host, const QString& db, nxformat::IndexFile file,
-                      nxformat::Generation generation, int bucket)
+QString indexFilePath(const QString& host, const QString& db, nxformat::IndexFile file, nxformat::Generation generation,
+                      int bucket)
 {
-    QString dir = file == nxformat::IndexFile::Entry ? nxformat::entryDirPath(host, db)
-                                                     : nxformat::indexDirPath(host, db);
+    QString dir =
+        file == nxformat::IndexFile::Entry ? nxformat::entryDirPath(host, db) : nxformat::indexDirPath(host, db);
     return dir + "/" + nxformat::indexFileName(file, generation, bucket);
 }
 
-Status readWholeFile(const QString& path, QByteArray* bytes)
-{
-    return fileio::readAll(path, kMaxReadSize, bytes);
-}
+Status readWholeFile(const QString& path, QByteArray* bytes) { return fileio::readAll(path, kMaxReadSize, bytes); }
 
 QString Violation::text() const
 {
@@ -74,4 +71,4 @@ QString Violation::text() const
     return parts.join(", ") + ": " + problem;
 }
 
-} // namespace nxinspect
+}  // namespace nxinspect

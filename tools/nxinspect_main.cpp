@@ -16,7 +16,7 @@ namespace {
 // Exit statuses.
 constexpr int kOk = 0;
 constexpr int kFindings = 1;  // violations found, or no record with the key
-constexpr int kError = 2;     // bad arguments, unreadable or missing files
+constexpr int kError = 2;  // bad arguments, unreadable or missing files
 
 // verify prints this many violations of a database, then only their number.
 constexpr int kShownViolations = 100;
@@ -141,7 +141,7 @@ int runLookup(const QString& host, const QString& db, uint32_t key)
     return kOk;
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv)
 {

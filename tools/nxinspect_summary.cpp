@@ -32,7 +32,8 @@ void addIndexFiles(const QString& host, DatabaseSummary* summary)
         summary->records += count > 0 ? uint64_t(count) : 0;
         summary->damagedBuckets += count < 0 ? 1 : 0;
         summary->keyBytes += sizeOf(indexFilePath(host, summary->db, IndexFile::Key, Generation::Current, bucket));
-        summary->payloadBytes += sizeOf(indexFilePath(host, summary->db, IndexFile::Payload, Generation::Current, bucket));
+        summary->payloadBytes +=
+            sizeOf(indexFilePath(host, summary->db, IndexFile::Payload, Generation::Current, bucket));
         summary->entryBytes += sizeOf(indexFilePath(host, summary->db, IndexFile::Entry, Generation::Current, bucket));
     }
 }
@@ -88,7 +89,7 @@ QString sizeRecordLine(const DatabaseSummary& summary)
     return summary.sizeRecord + ", does not match the status file";
 }
 
-} // namespace
+}  // namespace
 
 DatabaseSummary summarizeDatabase(const QString& host, const QString& db)
 {
@@ -104,19 +105,23 @@ QString formatSummary(const DatabaseSummary& s)
 {
     QStringList lines{s.db};
     lines << QString("  buckets written  %1 of 256, %2 records").arg(s.buckets).arg(s.records) +
-                 (s.damagedBuckets ? QString(", %1 damaged (nxinspect verify tells more)").arg(s.damagedBuckets) : QString());
+                 (s.damagedBuckets ? QString(", %1 damaged (nxinspect verify tells more)").arg(s.damagedBuckets)
+                                   : QString());
     lines << QString("  index files      key %1, payload %2, entry %3")
                  .arg(sizeText(s.keyBytes), sizeText(s.payloadBytes), sizeText(s.entryBytes));
-    lines << (s.hasStatusFile ? QString("  status file      %1.sbf, %2, %3 blocks")
-                                    .arg(s.db, sizeText(s.statusBytes)).arg(s.blocks)
-                              : QString("  status file      none"));
+    lines << (s.hasStatusFile
+                  ? QString("  status file      %1.sbf, %2, %3 blocks").arg(s.db, sizeText(s.statusBytes)).arg(s.blocks)
+                  : QString("  status file      none"));
     lines << "  size record      " + sizeRecordLine(s);
     lines << (s.markedBuckets == 0 ? QString("  progress marks   none")
                                    : QString("  progress marks   %1 buckets marked, last merged file %2 to %3")
-                                         .arg(s.markedBuckets).arg(s.lowestMark).arg(s.highestMark));
+                                         .arg(s.markedBuckets)
+                                         .arg(s.lowestMark)
+                                         .arg(s.highestMark));
     if (s.marksRead != s.markedBuckets)
-        lines << QString("                   the next run reads %1 of them: its reader stops at the first "
-                         "bucket without a mark")
+        lines << QString(
+                     "                   the next run reads %1 of them: its reader stops at the first "
+                     "bucket without a mark")
                      .arg(s.marksRead);
     return lines.join('\n');
 }
@@ -129,7 +134,9 @@ QJsonObject toJson(const DatabaseSummary& s)
         {"buckets", s.buckets},
         {"records", qint64(s.records)},
         {"damaged_buckets", s.damagedBuckets},
-        {"bytes", QJsonObject{{"key", qint64(s.keyBytes)}, {"payload", qint64(s.payloadBytes)}, {"entry", qint64(s.entryBytes)}}},
+        {"bytes",
+         QJsonObject{
+             {"key", qint64(s.keyBytes)}, {"payload", qint64(s.payloadBytes)}, {"entry", qint64(s.entryBytes)}}},
         {"status_file", orNull(s.hasStatusFile, QJsonObject{{"bytes", qint64(s.statusBytes)}, {"blocks", s.blocks}})},
         {"size_record", orNull(!s.sizeRecord.isEmpty(),
                                QJsonObject{{"value", s.sizeRecord},
@@ -142,4 +149,4 @@ QJsonObject toJson(const DatabaseSummary& s)
     };
 }
 
-} // namespace nxinspect
+}  // namespace nxinspect

@@ -48,7 +48,10 @@ QString problemText(const nxindex_problem& p, const QString& entryFile)
     const qulonglong found = p.found, expected = p.expected;
     const auto sizeText = [&] {
         return expected ? QString("size %1, expected %2 for the %3 records of %4")
-                              .arg(found).arg(expected).arg(expected / NXINDEX_PAYLOAD_SIZE).arg(entryFile)
+                              .arg(found)
+                              .arg(expected)
+                              .arg(expected / NXINDEX_PAYLOAD_SIZE)
+                              .arg(entryFile)
                         : QString("size %1 is not 12 x count").arg(found);
     };
     switch (p.error) {
@@ -61,8 +64,9 @@ QString problemText(const nxindex_problem& p, const QString& entryFile)
             return QString("holds %1 records; a bucket holds 1 to %2").arg(found).arg(nxformat::kMaxBucketRecords);
         return p.file == NXINDEX_KEY_FILE ? QString("size %1 is not 2 x count + 512").arg(found) : sizeText();
     case NXINDEX_ECOUNT:
-        return p.file == NXINDEX_KEY_FILE ? QString("holds %1 keys, %2 holds %3 records").arg(found).arg(entryFile).arg(expected)
-                                          : sizeText();
+        return p.file == NXINDEX_KEY_FILE
+                   ? QString("holds %1 keys, %2 holds %3 records").arg(found).arg(entryFile).arg(expected)
+                   : sizeText();
     default:  // NXINDEX_EMISMATCH
         if (p.group >= 0)
             return QString("holds %1, the group's first position in %2 is %3")
@@ -225,18 +229,23 @@ private:
         }
         if (block.count != expected->count)
             report(path, bucket, "block",
-                   QString("holds %1 keys, %2 holds %3 records").arg(block.count).arg(expected->entryFile).arg(expected->count));
+                   QString("holds %1 keys, %2 holds %3 records")
+                       .arg(block.count)
+                       .arg(expected->entryFile)
+                       .arg(expected->count));
         else
             for (int i = 0; i < int(block.count); ++i)
                 if (block.keys[i] != expected->key(i))
                     report(path, bucket, "block " + positionText(i),
-                           QString::asprintf("key 0x%04x, %s has 0x%04x", block.keys[i], qPrintable(expected->entryFile),
-                                             expected->key(i)), i);
+                           QString::asprintf("key 0x%04x, %s has 0x%04x", block.keys[i],
+                                             qPrintable(expected->entryFile), expected->key(i)),
+                           i);
         for (int group = 0; group < nxformat::kBucketCount; ++group)
             if (block.groupTable[group] != expected->slot(group))
                 report(path, bucket, "block " + slotText(group),
                        QString("holds %1, the group's first position in %2 is %3")
-                           .arg(slotValue(block.groupTable[group]), expected->entryFile, slotValue(expected->slot(group))));
+                           .arg(slotValue(block.groupTable[group]), expected->entryFile,
+                                slotValue(expected->slot(group))));
     }
 
     void verifySizeRecord()
@@ -247,8 +256,8 @@ private:
             statusSize = uint64_t(status.size());
         QString path = nxformat::sbfSizeRecordPath(m_Host);
         QString key = nxformat::sbfSizeKey(m_Db);
-        QString value = commonfun::getInstance()->GetPrivateProfileString(nxformat::kSbfSizeSection, key,
-                                                                          QString(), path);
+        QString value =
+            commonfun::getInstance()->GetPrivateProfileString(nxformat::kSbfSizeSection, key, QString(), path);
         QString where = "key " + key;
         if (!statusSize) {
             if (!value.isEmpty())
@@ -283,16 +292,13 @@ private:
     QString m_Host;
     QString m_Db;
     Verification m_Result;
-    int m_Bucket = -1;      // the bucket being checked
+    int m_Bucket = -1;  // the bucket being checked
     QSet<int> m_Damaged;  // buckets whose files the library refused
 };
 
-} // namespace
+}  // namespace
 
-Verification verifyDatabase(const QString& host, const QString& db)
-{
-    return DatabaseVerifier(host, db).run();
-}
+Verification verifyDatabase(const QString& host, const QString& db) { return DatabaseVerifier(host, db).run(); }
 
 QJsonObject toJson(const Verification& verification)
 {
@@ -309,4 +315,4 @@ QJsonObject toJson(const Verification& verification)
                        {"violations", violations}};
 }
 
-} // namespace nxinspect
+}  // namespace nxinspect

@@ -106,7 +106,7 @@ Status writeDbCount(const SampleOptions& options, const QString& host, const QSt
     return Status::ok();
 }
 
-} // namespace
+}  // namespace
 
 uint64_t SplitMix64::next()
 {
@@ -191,4 +191,4 @@ Status writeSample(const SampleOptions& options, const QString& host, SampleTota
     return Status::ok();
 }
 
-} // namespace ynsample
+}  // namespace ynsample

@@ -36,9 +36,9 @@ struct TypeVolumes {
 
 struct SampleOptions {
     QVector<TypeVolumes> types{{"wdx", 1}, {"wfx", 1}};
-    int files = 3;              // source files per database
+    int files = 3;  // source files per database
     int recordsPerFile = 2000;  // spread at random over the 256 buckets
-    bool helpers = false;       // a helper file for every bucket with records
+    bool helpers = false;  // a helper file for every bucket with records
     uint64_t seed = 1;
 };
 
@@ -80,6 +80,6 @@ struct SampleTotals {
 Status writeSample(const SampleOptions& options, const QString& host, SampleTotals* totals,
                    const std::function<void(const QString&)>& progress);
 
-} // namespace ynsample
+}  // namespace ynsample
 
 #endif

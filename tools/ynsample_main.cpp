@@ -13,7 +13,7 @@
 namespace {
 
 constexpr int kMaxVolumes = 100;
-constexpr int kMaxFiles = 9999;               // file numbers have four digits
+constexpr int kMaxFiles = 9999;  // file numbers have four digits
 constexpr int kMaxRecordsPerFile = 16000000;  // keeps a source file near 256 MB
 // Jobs at least this large report each source file as it is written.
 constexpr uint64_t kProgressThreshold = 500000;
@@ -167,7 +167,7 @@ Status parseArguments(const QStringList& list, Arguments* args)
     return Status::ok();
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv)
 {
@@ -184,10 +184,10 @@ int main(int argc, char** argv)
     }
     const ynsample::SampleOptions& options = args.options;
     if (std::optional<ynsample::OversizedBucket> big = ynsample::findOversizedBucket(options)) {
-        fail(QString::asprintf("bucket %02x of %s would hold %llu records, more than the %u an index "
-                               "bucket can hold; nothing written",
-                               big->bucket, qPrintable(big->db), (unsigned long long)big->records,
-                               unsigned(nxformat::kMaxBucketRecords)));
+        fail(QString::asprintf(
+            "bucket %02x of %s would hold %llu records, more than the %u an index "
+            "bucket can hold; nothing written",
+            big->bucket, qPrintable(big->db), (unsigned long long)big->records, unsigned(nxformat::kMaxBucketRecords)));
         return 1;
     }
 
@@ -202,10 +202,10 @@ int main(int argc, char** argv)
         fail(written.code() == EEXIST ? written.what() : written.toString());
         return 1;
     }
-    printf("ynsample: %s under %s: %d source files, %llu records, %d helper files with %llu records "
-           "(seed %llu)\n",
-           qPrintable(databases.join(' ')), qPrintable(host), totals.sourceFiles,
-           (unsigned long long)totals.records, totals.helperFiles, (unsigned long long)totals.helperRecords,
-           (unsigned long long)options.seed);
+    printf(
+        "ynsample: %s under %s: %d source files, %llu records, %d helper files with %llu records "
+        "(seed %llu)\n",
+        qPrintable(databases.join(' ')), qPrintable(host), totals.sourceFiles, (unsigned long long)totals.records,
+        totals.helperFiles, (unsigned long long)totals.helperRecords, (unsigned long long)options.seed);
     return 0;
 }

@@ -36,7 +36,7 @@ static const int kErrno[] = {ENOSPC, ENOSPC, ENOSPC, EIO, EIO, EACCES, EACCES, E
 static int g_family = -1, g_kill, g_powerCut;
 static long g_nth, g_calls, g_failed;
 static char g_failedPath[4096]; /* the call that failed, for NXFAULT_COUNT */
-static __thread int g_inside;   /* our own calls are not counted */
+static __thread int g_inside; /* our own calls are not counted */
 
 #define REAL(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
 
@@ -102,7 +102,10 @@ static int listed(const char* list, const char* path)
 }
 
 /* Directories made by this run, and whether their entry is on disk yet. */
-static struct { char path[1024]; int durable; } g_made[256];
+static struct {
+    char path[1024];
+    int durable;
+} g_made[256];
 static int g_madeCount;
 
 static void made(const char* path)
@@ -175,16 +178,16 @@ static int faultStream(int family, FILE* stream)
     return 1;
 }
 
-#define OPEN_WRAPPER(name, call, ...)                                                               \
-    int name(__VA_ARGS__, int flags, ...)                                                           \
-    {                                                                                               \
-        va_list args;                                                                               \
-        va_start(args, flags);                                                                      \
-        mode_t mode = (flags & (O_CREAT | O_TMPFILE)) ? va_arg(args, mode_t) : 0;                   \
-        va_end(args);                                                                               \
+#define OPEN_WRAPPER(name, call, ...)                                                                \
+    int name(__VA_ARGS__, int flags, ...)                                                            \
+    {                                                                                                \
+        va_list args;                                                                                \
+        va_start(args, flags);                                                                       \
+        mode_t mode = (flags & (O_CREAT | O_TMPFILE)) ? va_arg(args, mode_t) : 0;                    \
+        va_end(args);                                                                                \
         if ((flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC | O_APPEND)) && fault(OPEN, path, NULL)) \
-            return -1;                                                                              \
-        return REAL(name) call;                                                                     \
+            return -1;                                                                               \
+        return REAL(name) call;                                                                      \
     }
 OPEN_WRAPPER(open, (path, flags, mode), const char* path)
 OPEN_WRAPPER(open64, (path, flags, mode), const char* path)
@@ -193,7 +196,7 @@ OPEN_WRAPPER(openat64, (dirfd, path, flags, mode), int dirfd, const char* path)
 /* name(params) returns failed when faulty holds, else what the C library's name returns; the checked forms are the
  * ones a program built with _FORTIFY_SOURCE calls. */
 #define WRAP(type, name, failed, faulty, params, args) \
-    type name params { return (faulty) ? failed : ((type(*) params)dlsym(RTLD_NEXT, #name)) args; }
+    type name params { return (faulty) ? failed : ((type(*) params)dlsym(RTLD_NEXT, #name))args; }
 #define OPENS(mode) (strpbrk(mode, "wa+") && fault(OPEN, path, NULL))
 WRAP(FILE*, fopen, NULL, OPENS(mode), (const char* path, const char* mode), (path, mode))
 WRAP(FILE*, fopen64, NULL, OPENS(mode), (const char* path, const char* mode), (path, mode))
@@ -210,8 +213,8 @@ WRAP(ssize_t, __pread_chk, -1, faultFd(READ, fd), (int fd, void* data, size_t si
      (fd, data, size, at, room))
 WRAP(ssize_t, __pread64_chk, -1, faultFd(READ, fd), (int fd, void* data, size_t size, off64_t at, size_t room),
      (fd, data, size, at, room))
-WRAP(size_t, __fread_chk, 0, faultStream(READ, stream), (void* data, size_t room, size_t size, size_t count,
-     FILE* stream), (data, room, size, count, stream))
+WRAP(size_t, __fread_chk, 0, faultStream(READ, stream),
+     (void* data, size_t room, size_t size, size_t count, FILE* stream), (data, room, size, count, stream))
 WRAP(int, rename, -1, fault(RENAME, from, to), (const char* from, const char* to), (from, to))
 WRAP(int, renameat, -1, fault(RENAME, from, to), (int fromDir, const char* from, int toDir, const char* to),
      (fromDir, from, toDir, to))

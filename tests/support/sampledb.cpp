@@ -75,4 +75,4 @@ ExpectedBucket expectedBucket(const QByteArray& records)
     return expected;
 }
 
-} // namespace nxtest
+}  // namespace nxtest

@@ -26,6 +26,6 @@ struct ExpectedBucket {
 };
 ExpectedBucket expectedBucket(const QByteArray& records);
 
-} // namespace nxtest
+}  // namespace nxtest
 
 #endif

@@ -123,4 +123,4 @@ QProcessEnvironment TempInstall::indexerEnvironment(const QStringList& environme
     return environmentWith((withPause ? QStringList() : QStringList{"LD_PRELOAD=" NXNOPAUSE_PATH}) + environment);
 }
 
-} // namespace nxtest
+}  // namespace nxtest

@@ -64,6 +64,6 @@ private:
     QString m_Root;
 };
 
-} // namespace nxtest
+}  // namespace nxtest
 
 #endif
