@@ -1,7 +1,8 @@
 /* Tests only: preloaded into a run of the real nxindexer, it fails one call of a family of C library file
  * operations the way the real fault does, or kills the process there, and can trace every such call.
  *
- *   NXFAULT_FAMILY  open (for writing) | write | close | read | rename | unlink | mkdir | sync; the failure's errno is
+ *   NXFAULT_FAMILY  open (for writing) | write | close (of what was open for writing) | read | rename | unlink |
+ *                   mkdir | sync; the failure's errno is
  *                   ENOSPC for open, write and close, EIO for read, rename and sync, EACCES for unlink and mkdir
  *   NXFAULT_NTH     fail the N-th call of the family (1-based); 0 or unset: every call
  *   NXFAULT_MATCH   count only calls whose path (or the fd's path) contains this text
@@ -234,6 +235,17 @@ int fclose(FILE* stream)
     REAL(fclose)(stream);
     errno = kErrno[CLOSE];
     return EOF;
+}
+
+/* So does close(2) of a descriptor open for writing; the descriptor is gone all the same, as on Linux. */
+int close(int fd)
+{
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || (flags & O_ACCMODE) == O_RDONLY || !faultFd(CLOSE, fd))
+        return REAL(close)(fd);
+    REAL(close)(fd);
+    errno = kErrno[CLOSE];
+    return -1;
 }
 
 int mkdir(const char* path, mode_t mode)
