@@ -235,7 +235,7 @@ Status currentIniText(const QString& file, QByteArray* text, std::optional<plain
 
 }  // namespace
 
-// A Part operation: its outcome is a bool, with errno saying why it failed.
+// Its outcome is a bool, as its callers expect, with errno saying why it failed.
 bool commonfun::WritePrivateProfileString(QString section, QString key, QString value, QString file)
 {
     if (file.isEmpty() || section.isEmpty() || key.isEmpty())

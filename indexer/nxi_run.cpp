@@ -130,7 +130,8 @@ bool nxi::PrepareDirectories(const char* reportAs)
     if (!ready(m_HlDbPath, "Error: Could not create idx directory in Talvex root path!"))
         return false;
     m_HlIniPath = QString::asprintf("%s/%shl.ini", m_HlDbPath.toUtf8().constData(), m_DbName);
-    if (!ready(m_HlDbPath, "Could not create helper directory in hl path!"))
+    // The same directory again: already durable unless something removed it meanwhile.
+    if (!QDir(m_HlDbPath).exists() && !ready(m_HlDbPath, "Could not create helper directory in hl path!"))
         return false;
     m_HlpPath = QString::asprintf("%s/hlp", m_HlDbPath.toUtf8().constData());
     return ready(m_HlpPath, "Could not create helper directory in Talvex application data path!");

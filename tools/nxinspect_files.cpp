@@ -63,12 +63,12 @@ Status readWholeFile(const QString& path, QByteArray* bytes) { return fileio::re
 
 QString Violation::text() const
 {
-    QStringList parts{file};
+    QStringList pieces{file};
     if (bucket >= 0)
-        parts << QString::asprintf("bucket %02x", bucket);
+        pieces << QString::asprintf("bucket %02x", bucket);
     if (!where.isEmpty())
-        parts << where;
-    return parts.join(", ") + ": " + problem;
+        pieces << where;
+    return pieces.join(", ") + ": " + problem;
 }
 
 }  // namespace nxinspect
