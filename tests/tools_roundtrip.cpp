@@ -59,7 +59,11 @@ TEST(ToolsRoundTrip, EveryGeneratedRecordIsFoundAndVerifyNamesEachDamage)
     const uint32_t block = le32(status, 4 * 0x3f);
     const int count = int(le32(status, block)), group0 = readFile(host + "/" + hl)[2];  // group byte of record 0
     ASSERT_GE(count, 3);
-    const QString in = ", bucket 3f, ", differs = in + "position %1: payload differs from the record in " + hl;
+    const QString in = ", bucket 3f, ", differs = in + "position %1: payload differs from the record in " + hl,
+                  mnew = "idxn/wdx00/3f.mnew", hlold = "hl/wdx00/hlp/3f.hlold",
+                  groupSlot = QString::asprintf("group slot %02x: holds 1, the group's first position in ", group0),
+                  noBlock = QString("head slot 3f: offset %1 is not where a block begins\n").arg(block ^ 1) +
+                            QString("wdx00.sbf, byte %1: block belongs to no head slot").arg(block);
     const qint64 slot = 2 * count + 2 * group0, blockKey = block + 4 + 512 + 2,
                  size = readFile(host + "/sbf_check_yn.ini").indexOf("wdx00.sbf=") + 10;
     // The file (under the DB host), the byte flipped (-1: the file is created empty), the starts of the lines after
@@ -67,26 +71,18 @@ TEST(ToolsRoundTrip, EveryGeneratedRecordIsFoundAndVerifyNamesEachDamage)
     const struct {
         QString file;
         qint64 offset;
-        QStringList expected;
+        QString expected;
     } damages[] = {
-        {m, 0, {m + in + "position 0: key 0x"}},
-        {m,
-         slot,
-         {m + in + QString::asprintf("group slot %02x: holds 1, the group's first position in ", group0) + hl +
-          " is 0"}},
-        {d, 12 * 1 + 5, {d + differs.arg(1)}},
-        {hl, 16 * 2 + 9, {d + differs.arg(2)}},
-        {"wdx00.sbf",
-         4 * 0x3f,
-         {QString("wdx00.sbf%1head slot 3f: offset %2 is not where a block begins").arg(in).arg(block ^ 1),
-          QString("wdx00.sbf, byte %1: block belongs to no head slot").arg(block)}},
-        {"wdx00.sbf", blockKey, {"wdx00.sbf" + in + "block position 1: key 0x"}},
-        {"sbf_check_yn.ini", size, {"sbf_check_yn.ini, key wdx00.sbf: records "}},
-        {"idxn/wdx00/3f.mnew", -1, {"idxn/wdx00/3f.mnew, bucket 3f: pending file left behind by an unfinished write"}},
-        {"hl/wdx00/hlp/3f.hlold",
-         -1,
-         {"hl/wdx00/hlp/3f.hlold, bucket 3f: previous file left behind by an unfinished rotation"}},
-        {"wdx00.sbftmp", -1, {"wdx00.sbftmp: status file under construction left behind by an unfinished run"}},
+        {m, 0, m + in + "position 0: key 0x"},
+        {m, slot, m + in + groupSlot + hl + " is 0"},
+        {d, 12 * 1 + 5, d + differs.arg(1)},
+        {hl, 16 * 2 + 9, d + differs.arg(2)},
+        {"wdx00.sbf", 4 * 0x3f, "wdx00.sbf" + in + noBlock},
+        {"wdx00.sbf", blockKey, "wdx00.sbf" + in + "block position 1: key 0x"},
+        {"sbf_check_yn.ini", size, "sbf_check_yn.ini, key wdx00.sbf: records "},
+        {mnew, -1, mnew + ", bucket 3f: pending file left behind by an unfinished write"},
+        {hlold, -1, hlold + ", bucket 3f: previous file left behind by an unfinished rotation"},
+        {"wdx00.sbftmp", -1, "wdx00.sbftmp: status file under construction left behind by an unfinished run"},
     };
     for (const auto& damage : damages) {
         SCOPED_TRACE(qPrintable(damage.file + QString(" byte %1").arg(damage.offset)));
@@ -100,10 +96,11 @@ TEST(ToolsRoundTrip, EveryGeneratedRecordIsFoundAndVerifyNamesEachDamage)
         nxtest::Output run = runTool("nxinspect", {"verify", install.root()});
         EXPECT_EQ(run.status, 1) << qPrintable(run.err);
         const QStringList lines = run.out.split('\n');
-        const int n = damage.expected.size();
+        const QStringList expected = damage.expected.split('\n');
+        const int n = expected.size();
         EXPECT_EQ(lines[0], QString("wdx00: %1 violation%2").arg(n).arg(n > 1 ? "s" : ""));
         for (int i = 0; i < n; ++i)
-            EXPECT_TRUE(lines.value(i + 1).startsWith("  " + damage.expected[i])) << qPrintable(run.out);
+            EXPECT_TRUE(lines.value(i + 1).startsWith("  " + expected[i])) << qPrintable(run.out);
         damage.offset >= 0 ? writeFile(path, original) : void(QFile::remove(path));
     }
     // Once each damage is undone, verify passes.
