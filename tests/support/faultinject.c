@@ -52,7 +52,8 @@ __attribute__((constructor)) static void setUp(void)
     g_kill = g_powerCut || (action && strcmp(action, "kill") == 0);
 }
 
-/* Writes to the file that variable names, if any, with the C library's own calls (not counted, not traced). */
+/* Writes to the file that variable names, if any, with the C library's own calls; g_inside stays set, so that nothing
+ * after the count at exit or at a kill is counted, and the trace resets it. */
 static void put(const char* variable, int flags, const char* format, ...)
 {
     const char* path = getenv(variable);
