@@ -38,67 +38,42 @@ TEST(PkgDeb, PackageInstallsIndexesAndKeepsData)
         }
         return entries.join('\n');
     };
-    const QString d = "drwxr-xr-x root/root ./", x = "-rwxr-xr-x root/root ./", r = "-rw-r--r-- root/root ./",
-                  l = "lrwxrwxrwx root/root ./";
-    const QStringList expected = {d + "lib/",
-                                  d + "lib/systemd/",
-                                  d + "lib/systemd/system/",
-                                  r + "lib/systemd/system/nxindexer.service",
-                                  r + "lib/systemd/system/nxindexer.timer",
-                                  d + "usr/",
-                                  d + "usr/bin/",
-                                  l + "usr/bin/nxinspect",
-                                  d + "usr/lib/",
-                                  d + "usr/lib/TalvexSuite/",
-                                  d + "usr/lib/TalvexSuite/bin/",
-                                  x + "usr/lib/TalvexSuite/bin/nxindexer",
-                                  x + "usr/lib/TalvexSuite/bin/nxinspect",
-                                  d + "usr/lib/TalvexSuite/lib/",
-                                  l + "usr/lib/TalvexSuite/lib/libnxindex.so.1",
-                                  r + "usr/lib/TalvexSuite/lib/libnxindex.so.1.0.0",
-                                  d + "usr/share/",
-                                  d + "usr/share/doc/",
-                                  d + "usr/share/doc/nxindexer/",
-                                  r + "usr/share/doc/nxindexer/changelog.gz",
-                                  r + "usr/share/doc/nxindexer/copyright",
-                                  d + "usr/share/man/",
-                                  d + "usr/share/man/man1/",
-                                  r + "usr/share/man/man1/nxinspect.1.gz",
-                                  d + "usr/share/man/man8/",
-                                  r + "usr/share/man/man8/nxindexer.8.gz"};
-    EXPECT_EQ(entriesOf(deb), expected.join('\n'));
+    // What entriesOf gives for these files ("x path": an executable, "r path" another file, "l path" a link), in
+    // this order, each after the directories above it that no earlier file brought.
+    auto listing = [](const QStringList& files) {
+        QStringList entries;
+        for (const QString& file : files) {
+            const QString path = "./" + file.mid(2);
+            for (int slash = path.indexOf('/', 2); slash > 0; slash = path.indexOf('/', slash + 1))
+                if (!entries.contains("drwxr-xr-x root/root " + path.left(slash + 1)))
+                    entries << "drwxr-xr-x root/root " + path.left(slash + 1);
+            const QString mode = file[0] == 'x' ? "-rwxr-xr-x" : file[0] == 'l' ? "lrwxrwxrwx" : "-rw-r--r--";
+            entries << mode + " root/root " + path;
+        }
+        return entries.join('\n');
+    };
+    const QString unit = "r lib/systemd/system/nxindexer.", lib = "usr/lib/TalvexSuite/lib/",
+                  doc = "r usr/share/doc/nxindexer";
+    EXPECT_EQ(entriesOf(deb),
+              listing({unit + "service", unit + "timer", "l usr/bin/nxinspect", "x usr/lib/TalvexSuite/bin/nxindexer",
+                       "x usr/lib/TalvexSuite/bin/nxinspect", "l " + lib + "libnxindex.so.1",
+                       "r " + lib + "libnxindex.so.1.0.0", doc + "/changelog.gz", doc + "/copyright",
+                       "r usr/share/man/man1/nxinspect.1.gz", "r usr/share/man/man8/nxindexer.8.gz"}));
     // The development package: header, static library, link and pkg-config file under the root, and a link
     // from the system's pkg-config directory to the latter.
     const QString dev = QString(deb).replace("/nxindexer_", "/nxindexer-dev_"),
                   pcDir =
                       "usr/lib/" + QFileInfo(QString::fromLocal8Bit(NXPKG_PKGCONFIG_LINK_DIR)).dir().dirName() + "/";
-    const QStringList expectedDev = {d + "usr/",
-                                     d + "usr/lib/",
-                                     d + "usr/lib/TalvexSuite/",
-                                     d + "usr/lib/TalvexSuite/include/",
-                                     r + "usr/lib/TalvexSuite/include/nxindex.h",
-                                     d + "usr/lib/TalvexSuite/lib/",
-                                     r + "usr/lib/TalvexSuite/lib/libnxindex.a",
-                                     l + "usr/lib/TalvexSuite/lib/libnxindex.so",
-                                     d + "usr/lib/TalvexSuite/lib/pkgconfig/",
-                                     r + "usr/lib/TalvexSuite/lib/pkgconfig/nxindex.pc",
-                                     d + pcDir,
-                                     d + pcDir + "pkgconfig/",
-                                     l + pcDir + "pkgconfig/nxindex.pc",
-                                     d + "usr/share/",
-                                     d + "usr/share/doc/",
-                                     d + "usr/share/doc/nxindexer-dev/",
-                                     r + "usr/share/doc/nxindexer-dev/changelog.gz",
-                                     r + "usr/share/doc/nxindexer-dev/copyright"};
-    EXPECT_EQ(entriesOf(dev), expectedDev.join('\n'));
+    EXPECT_EQ(entriesOf(dev),
+              listing({"r usr/lib/TalvexSuite/include/nxindex.h", "r " + lib + "libnxindex.a",
+                       "l " + lib + "libnxindex.so", "r " + lib + "pkgconfig/nxindex.pc",
+                       "l " + pcDir + "pkgconfig/nxindex.pc", doc + "-dev/changelog.gz", doc + "-dev/copyright"}));
     ASSERT_EQ(run("dpkg-deb", {"-x", dev, tmp + "/x"}).status, 0);
-    EXPECT_EQ(QFile::symLinkTarget(tmp + "/x/" + pcDir + "pkgconfig/nxindex.pc"),
-              tmp + "/x" + fixedRoot + "/lib/pkgconfig/nxindex.pc");
-    EXPECT_TRUE(nxtest::readFile(tmp + "/x" + fixedRoot + "/lib/pkgconfig/nxindex.pc")
-                    .startsWith("prefix=" + fixedRoot.toUtf8() + "\n"));
+    EXPECT_EQ(QFile::symLinkTarget(tmp + "/x/" + pcDir + "pkgconfig/nxindex.pc"), root + "/lib/pkgconfig/nxindex.pc");
+    EXPECT_TRUE(nxtest::readFile(root + "/lib/pkgconfig/nxindex.pc").startsWith("prefix=" + fixedRoot.toUtf8() + "\n"));
     EXPECT_EQ(run("dpkg-deb", {"-f", dev, "Package", "Depends", "Section"}).out,
               "Package: nxindexer-dev\nDepends: nxindexer (= " NXPKG_VERSION ")\nSection: libdevel\n");
-    EXPECT_EQ(QFile::symLinkTarget(tmp + "/x/usr/bin/nxinspect"), tmp + "/x" + fixedRoot + "/bin/nxinspect");
+    EXPECT_EQ(QFile::symLinkTarget(tmp + "/x/usr/bin/nxinspect"), root + "/bin/nxinspect");
     Output linted = run("lintian", {"--allow-root", "--fail-on", "error,warning", deb, dev});
     EXPECT_EQ(linted.status, 0) << linted.out << linted.err;
     EXPECT_EQ(run("dpkg-deb", {"-f", deb, "Package", "Version", "Section", "Maintainer"}).out,
@@ -115,27 +90,25 @@ TEST(PkgDeb, PackageInstallsIndexesAndKeepsData)
     const QStringList env = {"DPKG_ROOT=" + tmp + "/target", "NXPKG_CALLS=" + calls,
                              "PATH=" + tmp + "/stub:" + QString::fromLocal8Bit(qgetenv("PATH"))};
     const struct {
-        const char* script;
-        const char* action;
+        const char* call;  // the script and its action
         const char* calls;
     } steps[] = {
-        {"postinst", "configure",
-         "unmask nxindexer.timer\n--quiet was-enabled nxindexer.timer\nenable nxindexer.timer\n"},
-        {"prerm", "remove", ""},
-        {"postrm", "remove", "mask nxindexer.timer\n"},
-        {"postrm", "purge", "purge nxindexer.timer\nunmask nxindexer.timer\n"},
+        {"postinst configure", "unmask nxindexer.timer\n--quiet was-enabled nxindexer.timer\nenable nxindexer.timer\n"},
+        {"prerm remove", ""},
+        {"postrm remove", "mask nxindexer.timer\n"},
+        {"postrm purge", "purge nxindexer.timer\nunmask nxindexer.timer\n"},
     };
     for (const auto& step : steps) {
-        SCOPED_TRACE(std::string(step.script) + " " + step.action);
+        SCOPED_TRACE(step.call);
+        const QStringList call = QString(step.call).split(' ');
+        const bool postinst = call[0] == "postinst";
         QFile::remove(calls);
-        Output result = run(tmp + "/control/" + step.script, {step.action, ""}, env);
+        Output result = run(tmp + "/control/" + call[0], {call[1], ""}, env);
         EXPECT_EQ(result.status, 0) << result.err;
         EXPECT_EQ(nxtest::readFile(calls).toStdString(), step.calls);
         // Without systemd at work in the target, the timer waits for the next boot, and postinst says so.
-        EXPECT_EQ(result.err.contains("nxindexer.timer was enabled but not started"),
-                  step.script == std::string("postinst"))
-            << result.err;
-        if (step.script == std::string("postinst")) {
+        EXPECT_EQ(result.err.contains("nxindexer.timer was enabled but not started"), postinst) << result.err;
+        if (postinst) {
             EXPECT_EQ(int(QFileInfo(target + "/db/txhost").permissions() & 0x7077), 0x7055);
             EXPECT_EQ(int(QFileInfo(target + "/logs").permissions() & 0x7077), 0x7050);
             nxtest::writeFile(target + "/db/txhost/idxn/wdx00/00.m", "index");

@@ -52,19 +52,25 @@ __attribute__((constructor)) static void setUp(void)
     g_kill = g_powerCut || (action && strcmp(action, "kill") == 0);
 }
 
-static void writeCount(int killed)
+/* Writes to the file that variable names, if any, with the C library's own calls; g_inside stays set, so that nothing
+ * after the count at exit or at a kill is counted, and the trace resets it. */
+static void put(const char* variable, int flags, const char* format, ...)
 {
-    const char* path = getenv("NXFAULT_COUNT");
+    const char* path = getenv(variable);
     g_inside = 1;
-    FILE* out = path ? REAL(fopen)(path, "w") : NULL;
-    if (out && killed)
-        fprintf(out, "%ld killed %s\n", g_calls, g_failedPath);
-    else if (out)
-        fprintf(out, "%ld %ld%s%s\n", g_calls, g_failed, g_failed ? " " : "", g_failedPath);
-    if (out)
-        REAL(fclose)(out);
+    const int fd = path ? REAL(open)(path, O_WRONLY | O_CREAT | O_CLOEXEC | flags, 0644) : -1;
+    if (fd >= 0) {
+        va_list args;
+        va_start(args, format);
+        vdprintf(fd, format, args);
+        va_end(args);
+        REAL(close)(fd);
+    }
 }
-__attribute__((destructor)) static void tearDown(void) { writeCount(0); }
+__attribute__((destructor)) static void tearDown(void)
+{
+    put("NXFAULT_COUNT", O_TRUNC, "%ld %ld%s%s\n", g_calls, g_failed, g_failed ? " " : "", g_failedPath);
+}
 
 static void fdPath(int fd, char* path, size_t size)
 {
@@ -72,21 +78,6 @@ static void fdPath(int fd, char* path, size_t size)
     snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
     ssize_t n = readlink(link, path, size - 1);
     path[n > 0 ? n : 0] = '\0';
-}
-
-static void trace(int family, const char* path, const char* to)
-{
-    const char* file = getenv("NXFAULT_TRACE");
-    g_inside = 1;
-    int fd = file ? REAL(open)(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644) : -1;
-    if (fd >= 0) {
-        char line[8300];
-        int n = snprintf(line, sizeof line, "%s %s%s%s\n", kFamilies[family], path, to ? " " : "", to ? to : "");
-        if (n > 0 && REAL(write)(fd, line, (size_t)n < sizeof line ? (size_t)n : sizeof line - 1) < 0)
-            n = 0; /* a trace line lost is no fault of the program's */
-        REAL(close)(fd);
-    }
-    g_inside = 0;
 }
 
 /* True when path contains one of the ':'-separated texts of list. */
@@ -109,24 +100,6 @@ static struct {
 } g_made[256];
 static int g_madeCount;
 
-static void made(const char* path)
-{
-    if (g_madeCount < 256) {
-        char* real = realpath(path, NULL);
-        snprintf(g_made[g_madeCount].path, sizeof g_made[0].path, "%s", real ? real : path);
-        free(real);
-        g_made[g_madeCount++].durable = 0;
-    }
-}
-static void synced(const char* directory)
-{
-    const size_t n = strlen(directory);
-    for (int i = 0; i < g_madeCount; ++i) {
-        const char* slash = strrchr(g_made[i].path, '/');
-        if (slash && (size_t)(slash - g_made[i].path) == (n == 1 ? 0 : n) && strncmp(g_made[i].path, directory, n) == 0)
-            g_made[i].durable = 1;
-    }
-}
 static int removeEntry(const char* path, const struct stat* info, int type, struct FTW* walk)
 {
     (void)info, (void)type, (void)walk;
@@ -140,7 +113,8 @@ static int fault(int family, const char* path, const char* to)
     if (g_inside)
         return 0;
     const int saved = errno;
-    trace(family, path, to);
+    put("NXFAULT_TRACE", O_APPEND, "%s %s%s%s\n", kFamilies[family], path, to ? " " : "", to ? to : "");
+    g_inside = 0;
     errno = saved;
     const char *match = getenv("NXFAULT_MATCH"), *skip = getenv("NXFAULT_SKIP");
     if (family != g_family || (match && !strstr(path, match) && !(to && strstr(to, match))))
@@ -149,7 +123,7 @@ static int fault(int family, const char* path, const char* to)
         return 0;
     snprintf(g_failedPath, sizeof g_failedPath, "%s%s%s", path, to ? " " : "", to ? to : "");
     if (g_kill) {
-        writeCount(1);
+        put("NXFAULT_COUNT", O_TRUNC, "%ld killed %s\n", g_calls, g_failedPath);
         for (int i = g_madeCount - 1; g_powerCut && i >= 0; --i)
             if (!g_made[i].durable && (!getenv("NXFAULT_DROP") || listed(getenv("NXFAULT_DROP"), g_made[i].path)))
                 nftw(g_made[i].path, removeEntry, 16, FTW_DEPTH | FTW_PHYS);
@@ -226,43 +200,45 @@ WRAP(int, unlinkat, -1, fault(UNLINK, path, NULL), (int dirfd, const char* path,
 WRAP(int, remove, -1, fault(UNLINK, path, NULL), (const char* path), (path))
 WRAP(int, fdatasync, -1, faultFd(SYNC, fd), (int fd), (fd))
 
-/* A failing close loses what was still buffered, as a full disk does. */
-int fclose(FILE* stream)
+/* A failing close of what was open for writing loses what was still buffered, as a full disk does; the stream or
+ * descriptor is gone all the same, as on Linux. */
+static int closeFails(FILE* stream, int fd)
 {
-    if (!__fwritable(stream) || !faultFd(CLOSE, fileno(stream)))
-        return REAL(fclose)(stream);
-    __fpurge(stream);
-    REAL(fclose)(stream);
+    const int flags = stream ? 0 : fcntl(fd, F_GETFL);
+    if ((stream ? !__fwritable(stream) : flags < 0 || (flags & O_ACCMODE) == O_RDONLY) || !faultFd(CLOSE, fd))
+        return 0;
+    if (stream)
+        __fpurge(stream);
+    stream ? REAL(fclose)(stream) : REAL(close)(fd);
     errno = kErrno[CLOSE];
-    return EOF;
+    return 1;
 }
-
-/* So does close(2) of a descriptor open for writing; the descriptor is gone all the same, as on Linux. */
-int close(int fd)
-{
-    const int flags = fcntl(fd, F_GETFL);
-    if (flags < 0 || (flags & O_ACCMODE) == O_RDONLY || !faultFd(CLOSE, fd))
-        return REAL(close)(fd);
-    REAL(close)(fd);
-    errno = kErrno[CLOSE];
-    return -1;
-}
+WRAP(int, fclose, EOF, closeFails(stream, fileno(stream)), (FILE * stream), (stream))
+WRAP(int, close, -1, closeFails(NULL, fd), (int fd), (fd))
 
 int mkdir(const char* path, mode_t mode)
 {
     const int result = fault(MKDIR, path, NULL) ? -1 : REAL(mkdir)(path, mode);
-    if (result == 0)
-        made(path);
+    char* real = result == 0 && g_madeCount < 256 ? realpath(path, NULL) : NULL;
+    if (result == 0 && g_madeCount < 256)
+        snprintf(g_made[g_madeCount++].path, sizeof g_made[0].path, "%s", real ? real : path);
+    free(real);
     return result;
 }
+/* A synced directory holds the entries of the directories made in it for good. */
 int fsync(int fd)
 {
     const int result = faultFd(SYNC, fd) ? -1 : REAL(fsync)(fd);
     struct stat info;
-    char path[4096];
-    if (result == 0 && fstat(fd, &info) == 0 && S_ISDIR(info.st_mode)) {
-        fdPath(fd, path, sizeof path);
-        synced(path);
+    char dir[4096];
+    if (result != 0 || fstat(fd, &info) != 0 || !S_ISDIR(info.st_mode))
+        return result;
+    fdPath(fd, dir, sizeof dir);
+    const size_t n = strlen(dir);
+    for (int i = 0; i < g_madeCount; ++i) {
+        const char* slash = strrchr(g_made[i].path, '/');
+        if (slash && (size_t)(slash - g_made[i].path) == (n == 1 ? 0 : n) && strncmp(g_made[i].path, dir, n) == 0)
+            g_made[i].durable = 1;
     }
     return result;
 }
