@@ -1,11 +1,10 @@
 // The real nxindexer on generated databases: every file it writes, byte for byte, after a first, an incremental
-// and an idle run; its start lines and walk over DB types and volumes; source paths too long for its buffer.
+// and an idle run, and with a truncated source file.
 #include "indexformat.h"
 #include "sampledb.h"
 #include "testsupport.h"
 
 #include <QDir>
-#include <QRegularExpression>
 #include <QSettings>
 #include <gtest/gtest.h>
 
@@ -124,76 +123,6 @@ TEST(EndToEndIndexing, TruncatedSourceFileSkipsTheRangesPastItsEnd)
     const QStringList log = install.logBodies();
     EXPECT_EQ(log.filter("[ERROR]").filter(file1).size(), 125 + 31);
     EXPECT_EQ(log.filter("Repeated [00001] times.").size(), 125);
-}
-
-TEST(EndToEndWalk, WithoutIdxndTheStartLinesAndOneError)
-{
-    nxtest::TempInstall install;
-    ASSERT_EQ(install.runIndexer(), 0);
-    const QString log = install.logBodies().join('\n');
-    EXPECT_TRUE(QRegularExpression(
-                    "^\\[INFO\\]  \\[LoggerStarted\\] :: Build Date: \\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\n"
-                    "\\[INFO\\]  \\[main\\] :: -{26}Build Date : 2024-12-12 04:30 PM -{28}\n"
-                    "\\[ERROR\\]  \\[nxi::StartLoop\\] :: \\[0x[0-9A-F]{8}\\]: Error:Does not exist idxnd folder!$")
-                    .match(log)
-                    .hasMatch())
-        << log;
-    EXPECT_FALSE(QDir(install.host() + "/idxnd").exists());
-}
-
-// Volumes 00 to 99 are closed, wdx100 is the newest and holds only its uncounted file 0000; wdx102 lies past the gap
-// at wdx101, wgx is not walked, and wfx has no volume at all.
-TEST(EndToEndWalk, EachTypeUpToItsFirstMissingVolumeWithThreeDigitsAfter99)
-{
-    nxtest::TempInstall install;
-    auto source = [&](const QString& db) { return nxformat::sourceFilePath(install.host(), db, 0); };
-    const QString stop = "Error:Could not get .yn files for following indexer type- ";
-    QStringList expected = {"In get DB type"};
-    for (int volume = 0; volume <= 100; ++volume) {
-        nxtest::writeFile(source(QString::asprintf("wdx%02d", volume)), {});
-        expected << (volume < 100 ? QString::asprintf("Indexing for DB - wdx%02d", volume)
-                                  : "DB count to be indexed is zero!");
-    }
-    nxtest::writeFile(source("wdx102"), {});
-    nxtest::writeFile(source("wgx00"), {});
-    expected << stop + source("wdx101") << "In get DB type" << stop + source("wfx00");
-
-    ASSERT_EQ(install.runIndexer(), 0);
-    const QRegularExpression walk("In get DB type|Indexing for DB|DB count to be indexed|Could not get \\.yn");
-    QStringList lines;
-    for (const QString& body : install.logBodies().filter(walk))
-        lines << body.section(" :: ", 1).remove(QRegularExpression("^\\[0x[0-9A-F]{8}\\]: "));
-    EXPECT_EQ(lines, expected);
-    EXPECT_TRUE(QDir(install.host() + "/idxn/wdx100").exists());
-}
-
-// Source file paths longer than the 512-byte buffer they are formatted into.
-TEST(EndToEndBadInput, OverLongSourcePathsAreSkippedWithOneLineEachPass)
-{
-    QTemporaryDir base;
-    const QString deep = base.path() + "/" + QString(240, 'd') + "/" + QString(240, 'e');
-    ASSERT_TRUE(QDir().mkpath(deep));
-    nxtest::TempInstall install(deep);
-    const QString host = install.host();
-    install.addSample(2, 3);
-    ASSERT_GT(nxformat::sourceFilePath(host, "wdx00", 0).toUtf8().size(), 511);
-
-    ASSERT_EQ(install.runIndexer({}, 60000), 0);
-    // Each bucket's sizing pass names both files; nothing is sized, so nothing is collected.
-    QStringList expected;
-    for (int bucket = 0; bucket < 256; ++bucket) {
-        expected << QString::asprintf("[TRACE]  [nxi::StartIndexer] :: %02x", bucket);
-        for (int f = 0; f < 2; ++f)
-            expected << "[ERROR]  [nxi::CalculateSizeOfIndex] :: Error: Path too long for the following yn file- " +
-                            nxformat::sourceFilePath(host, "wdx00", f);
-    }
-    QStringList lines = install.logBodies().filter(QRegularExpression("StartIndexer\\] :: [0-9a-f]{2}$|Path too long"));
-    EXPECT_EQ(lines.replaceInStrings(QRegularExpression(":: \\[0x[0-9A-F]{8}\\]: "), ":: "), expected);
-    // The database keeps no index, no marks and no status file.
-    EXPECT_TRUE(QDir(nxformat::indexDirPath(host, "wdx00")).isEmpty());
-    for (const QString& path : {nxformat::helperProgressPath(host, "wdx00"), nxformat::statusFilePath(host, "wdx00"),
-                                nxformat::pendingStatusFilePath(host, "wdx00")})
-        EXPECT_FALSE(nxtest::exists(path)) << path;
 }
 
 }  // namespace
