@@ -94,11 +94,12 @@ TEST(EndToEndSafety, SymbolicLinksAreNeverFollowed)
         const char* reporter;
         QString message;
     };
+    // %b: the bucket that file 2 adds records to at the link's place in its run.
     const QVector<QVector<Link>> runs = {
-        {{"idxn/wdx00/%1.mnew", "WriteAllIndexing", notOpenable},
-         {"idxn/wdx00/%2.dnew", "WriteAllIndexing", notOpenable},
-         {"hl/wdx00/hlp/%3.hlnew", "WriteAllIndexing", "Error:Could not open following file for helper writing- "},
-         {"hl/wdx00%4.hl", "AllocateIndexBuffer", refused},
+        {{"idxn/wdx00/%b.mnew", "WriteAllIndexing", notOpenable},
+         {"idxn/wdx00/%b.dnew", "WriteAllIndexing", notOpenable},
+         {"hl/wdx00/hlp/%b.hlnew", "WriteAllIndexing", "Error:Could not open following file for helper writing- "},
+         {"hl/wdx00%b.hl", "AllocateIndexBuffer", refused},
          {"hl/wdx00/wdx00hl.ini", "getHlpINIData", "Error:Could not read the following file- "},
          {"sbf_check_yn.ini", "StartIndexer", "Error:WritePrivateProfileString failed for the following file- "}},
         {{"wdx00.sbftmp", "StartIndexer", notOpenable}},
@@ -114,11 +115,8 @@ TEST(EndToEndSafety, SymbolicLinksAreNeverFollowed)
         nxtest::writeFile(target, secret);
         QFile::setPermissions(target, QFile::ReadOwner | QFile::WriteOwner);
         QStringList paths;
-        for (const Link& link : links) {
-            QString name = link.name;
-            for (int i = 0; i < 4; ++i)
-                name.replace(QString("%%1").arg(i + 1), db.newBucket(i));
-            paths << db.host + "/" + name;
+        for (int i = 0; i < links.size(); ++i) {
+            paths << db.host + "/" + QString(links[i].name).replace("%b", db.newBucket(i));
             QFile::remove(paths.last());
             ASSERT_TRUE(QFile::link(target, paths.last()));
         }
