@@ -100,16 +100,11 @@ struct Figures {
     }
     QString text(bool withKinds = true) const
     {
-        return QString(
-                   "injected %1, survived %2, defects %3, prescribed losses %4, silent-but-allowed %5, "
-                   "left files behind %6\n%7")
-            .arg(injected)
-            .arg(injected - defects)
-            .arg(defects)
-            .arg(losses)
-            .arg(silent)
-            .arg(leftovers)
-            .arg(kinds.isEmpty() || !withKinds ? QString() : "  (" + joined(kinds, "%2 %1", "; ") + ")\n");
+        return QString::asprintf(
+                   "injected %d, survived %d, defects %d, prescribed losses %d, silent-but-allowed %d, "
+                   "left files behind %d\n",
+                   injected, injected - defects, defects, losses, silent, leftovers) +
+               (kinds.isEmpty() || !withKinds ? QString() : "  (" + joined(kinds, "%2 %1", "; ") + ")\n");
     }
 };
 
