@@ -46,8 +46,6 @@ void TempInstall::addSample(int files, int count, uint32_t salt) const
     writeDbCount(host(), "/idxval.ini", "WDX00", count);
 }
 
-static QByteArray le16(uint16_t v) { return QByteArray(1, char(v & 0xFF)) + QByteArray(1, char(v >> 8)); }
-
 ExpectedBucket expectedBucket(const QByteArray& records)
 {
     std::vector<QByteArray> sorted;
@@ -57,21 +55,18 @@ ExpectedBucket expectedBucket(const QByteArray& records)
     std::sort(sorted.begin(), sorted.end(), [&](const QByteArray& a, const QByteArray& b) { return key(a) < key(b); });
 
     ExpectedBucket expected;
-    QByteArray keys, groups;
-    std::vector<uint16_t> firstOfGroup(256, 0xFFFF);
+    QByteArray keys, groups(512, '\xFF'), count(4, '\0');
     for (size_t i = 0; i < sorted.size(); ++i) {
-        const uint8_t group = uint8_t(sorted[i][2]);
-        if (firstOfGroup[group] == 0xFFFF)
-            firstOfGroup[group] = uint16_t(i);
+        auto* first = reinterpret_cast<unsigned char*>(groups.data()) + 2 * uint8_t(sorted[i][2]);
+        if (nxformat::readLE16(first) == 0xFFFF)
+            nxformat::writeLE16(first, uint16_t(i));
         keys += sorted[i].left(2);
         expected.payloadFile += sorted[i].mid(4);
         expected.entryFile += sorted[i];
     }
-    for (uint16_t first : firstOfGroup)
-        groups += le16(first);
-    const uint32_t count = uint32_t(sorted.size());
+    nxformat::writeLE32(reinterpret_cast<unsigned char*>(count.data()), uint32_t(sorted.size()));
     expected.keyFile = keys + groups;
-    expected.block = le16(uint16_t(count & 0xFFFF)) + le16(uint16_t(count >> 16)) + groups + keys;
+    expected.block = count + groups + keys;
     return expected;
 }
 
