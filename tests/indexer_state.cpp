@@ -5,35 +5,19 @@
 
 namespace {
 
-class StateFiles : public IndexerTest
-{
-protected:
-    void touchSource(const char* db, int n) { nxtest::writeFile(nxformat::sourceFilePath(host(), db, n), {}); }
-    // The marks getHlpINIData reads from the file; a slot it does not read stays -1.
-    std::vector<int> readMarks(const QString& path)
-    {
-        std::vector<int> marks(256, -1);
-        m_Indexer.getHlpINIData(marks.data(), path);
-        return marks;
-    }
-};
+using StateFiles = IndexerTest;
 
 TEST_F(StateFiles, DbCountComesFromTheFileOfTheDatabase)
 {
     nxtest::writeFile(host() + "/idxval.ini", "[DB-COUNT]\nWDX00=43\nWFX01=7\nWFX00=99\n");
     nxtest::writeFile(host() + "/wfx_idxval.ini", "[DB-COUNT]\nWFX00=12\n");
-    const struct {
-        const char* db;
-        int count;
-        const char* file;
-    } cases[] = {{"wdx00", 43, "/idxval.ini"},
-                 {"wfx01", 7, "/idxval.ini"},
-                 {"wfx00", 12, "/wfx_idxval.ini"},
-                 {"wdx01", 0, "/idxval.ini"}};
-    for (const auto& c : cases) {
-        useDatabase(c.db);
-        EXPECT_EQ(m_Indexer.GetValDBCount(), c.count) << c.db;
-        EXPECT_EQ(m_Indexer.m_ValIniPath, host() + c.file) << c.db;
+    const char *shared = "/idxval.ini", *own = "/wfx_idxval.ini";
+    const std::tuple<const char*, int, const char*> cases[] = {
+        {"wdx00", 43, shared}, {"wfx01", 7, shared}, {"wfx00", 12, own}, {"wdx01", 0, shared}};
+    for (const auto& [db, count, file] : cases) {
+        useDatabase(db);
+        EXPECT_EQ(m_Indexer.GetValDBCount(), count) << db;
+        EXPECT_EQ(m_Indexer.m_ValIniPath, host() + file) << db;
     }
     EXPECT_TRUE(takeLog().isEmpty());
 }
@@ -41,6 +25,7 @@ TEST_F(StateFiles, DbCountComesFromTheFileOfTheDatabase)
 TEST_F(StateFiles, NextVolumeDecidesFullIndexingAndWhereCountingStarts)
 {
     // The end-to-end walk shows wdx99 closed by wdx100.
+    auto touchSource = [&](const char* db, int n) { nxtest::writeFile(nxformat::sourceFilePath(host(), db, n), {}); };
     char wdx00[] = "wdx00", empty[] = "";
     touchSource("wdx00", 0);
     EXPECT_FALSE(m_Indexer.IsToDoFullIndexing(wdx00));
@@ -59,6 +44,13 @@ TEST_F(StateFiles, NextVolumeDecidesFullIndexingAndWhereCountingStarts)
 
 TEST_F(StateFiles, ProgressFileWrittenSortedAndReadByItsTokenRules)
 {
+    // The marks getHlpINIData reads from the file; a slot it does not read stays -1.
+    const QString path = host() + "/wdx00hl.ini";
+    auto readMarks = [&] {
+        std::vector<int> marks(256, -1);
+        m_Indexer.getHlpINIData(marks.data(), path);
+        return marks;
+    };
     auto marksWith = [](std::vector<std::pair<int, int>> set) {
         std::vector<int> marks(256, -1);
         for (auto [bucket, mark] : set)
@@ -66,12 +58,12 @@ TEST_F(StateFiles, ProgressFileWrittenSortedAndReadByItsTokenRules)
         return marks;
     };
     // Updateini keeps the keys sorted; 04 is missing, so 1a is read in its place and ignored.
-    m_Indexer.m_HlIniPath = host() + "/wdx00hl.ini";
+    m_Indexer.m_HlIniPath = path;
     const std::pair<int, int> updates[] = {{26, 7}, {3, -1}, {0, 123}, {1, 4}, {2, 4}};
     for (auto [bucket, mark] : updates)
         m_Indexer.Updateini(bucket, mark);
-    EXPECT_EQ(nxtest::readFile(m_Indexer.m_HlIniPath), QByteArray("[hlpr]\n00=123\n01=04\n02=04\n03=-1\n1a=07\n"));
-    EXPECT_EQ(readMarks(m_Indexer.m_HlIniPath), marksWith({{0, 123}, {1, 4}, {2, 4}}));
+    EXPECT_EQ(nxtest::readFile(path), QByteArray("[hlpr]\n00=123\n01=04\n02=04\n03=-1\n1a=07\n"));
+    EXPECT_EQ(readMarks(), marksWith({{0, 123}, {1, 4}, {2, 4}}));
     EXPECT_TRUE(takeLog().isEmpty());
 
     QByteArray all = "[hlpr]\n";  // every bucket, then one past the last: ignored
@@ -80,10 +72,7 @@ TEST_F(StateFiles, ProgressFileWrittenSortedAndReadByItsTokenRules)
         all += QString::asprintf("%02x=%02d\n", bucket, bucket % 50).toUtf8();
         allMarks[size_t(bucket)] = bucket % 50;
     }
-    const struct {
-        QByteArray text;
-        std::vector<int> marks;
-    } cases[] = {
+    const std::pair<QByteArray, std::vector<int>> cases[] = {
         {"[hlpr]\n00=05\n01=-1\n02=07\n", marksWith({{0, 5}, {2, 7}})},
         {"[hlpr]\n00=05\n01=05\n03=05\n", marksWith({{0, 5}, {1, 5}})},  // 03 arrives where 02 was due
         {"[hlpr]\n01=05\n02=05\n", marksWith({})},  // 01 consumed in 00's place
@@ -96,9 +85,9 @@ TEST_F(StateFiles, ProgressFileWrittenSortedAndReadByItsTokenRules)
         {"", marksWith({})},
         {all + "100=7\n", allMarks},
     };
-    for (const auto& c : cases) {
-        nxtest::writeFile(host() + "/progress.ini", c.text);
-        EXPECT_EQ(readMarks(host() + "/progress.ini"), c.marks) << c.text.left(100).constData();
+    for (const auto& [text, marks] : cases) {
+        nxtest::writeFile(path, text);
+        EXPECT_EQ(readMarks(), marks) << text.left(100).constData();
     }
 }
 
