@@ -56,61 +56,50 @@ protected:
     }
 };
 
+// The range of a bucket in whatever file 0's path names at each step: a new file (one rewritten in place within a tick
+// of the clock would read as it was), the same file rewritten in place, none, or a link. A source file stays open with
+// its start table read once, yet each call reads what a fresh open would.
 TEST_F(EntryTable, RangesOfTheWorkedExampleAndRefusedOnes)
 {
-    const QString path = sourcePath(0), readFailed = "Error: ReadFile failed for the following file- " + path,
-                  corrupt = "Error: Corrupt bucket range in the following file- " + path + " (bucket ";
+    const QString path = sourcePath(0), copy = path + ".copy",
+                  readFailed = "Error: ReadFile failed for the following file- " + path,
+                  corrupt = "Error: Corrupt bucket range in the following file- " + path + " (bucket ",
+                  opened = "Could not open following db file- " + path + " - code -> %1 ";
     auto patched = [](int slot, const char* hex) { return example().replace(4 * slot, 4, QByteArray::fromHex(hex)); };
     ASSERT_EQ(example().size(), 1184);
-    // Bucket 0 never reads bytes 0-3; bucket 255 ends with the last whole record.
-    nxtest::writeFile(path, patched(0, "ffffffff") + nxtest::makeRecord(1, 1) + nxtest::makeRecord(2, 2) + "1234567");
-    const std::pair<int, Range> worked[] = {{0, {0, 2}},  {1, {2, 2}},     {2, {2, 5}},
-                                            {3, {5, 10}}, {254, {10, 10}}, {255, {10, 12}}};
-    for (const auto& [bucket, expected] : worked)
-        EXPECT_EQ(range(bucket), expected) << "bucket " << bucket;
-    EXPECT_EQ(takeLog(), QStringList());
-    const std::tuple<int, QByteArray, QString> refused[] = {
-        {0, example().left(7), readFailed},
-        {5, example().left(27), readFailed},  // too short for the slots
-        {254, example().left(1023), readFailed},
-        {255, example().left(1023), readFailed},
-        {3, patched(4, "04000000"), corrupt + "03, low 5, high 4)"},  // start of 4 below start of 3
-        {4, patched(5, "0b000000"), corrupt + "04, low 10, high 11)"},  // end past the 10 records
-        {255, patched(255, "f0ffffff"), corrupt + "ff, low 4294967280, high 10)"},
-        {1, QByteArray(), "Could not open following db file- " + path + " - code -> 2 "}};  // no file
-    for (const auto& [bucket, file, message] : refused) {
-        // A new file each time: one rewritten in place within a tick of the clock would read as it was.
-        QFile::remove(path);
-        if (!file.isEmpty())
-            nxtest::writeFile(path, file);
-        EXPECT_EQ(range(bucket), Range()) << "bucket " << bucket << " " << message;
-        EXPECT_EQ(takeLog(), errorLog("GetIndexHighAndLow", message));
-    }
-}
-
-// A source file stays open with its start table read once, yet each call reads what a fresh open would.
-TEST_F(EntryTable, KeptSourceFilesFollowWhatThePathNamesNow)
-{
-    const QString path = sourcePath(0), copy = path + ".copy";
-    const QString opened = "Could not open following db file- " + path + " - code -> %1 ";
-    // Each change, bucket 2's range after it and the error that refused the file.
-    const std::tuple<QString, Range, int> steps[] = {{"write", {2, 5}, 0},   {"rewrite", {2, 6}, 0},
-                                                     {"replace", {2, 5}, 0}, {"remove", {}, ENOENT},
-                                                     {"write", {2, 5}, 0},   {"link", {}, ELOOP}};
-    for (const auto& [change, expected, error] : steps) {
-        const QByteArray bytes = example(change == "rewrite" ? 4 : 3);
-        if (change == "rewrite") {  // one record more in bucket 2, in place
+    const QByteArray worked = patched(0, "ffffffff") + nxtest::makeRecord(1, 1) + nxtest::makeRecord(2, 2) + "1234567";
+    const std::tuple<QString, QByteArray, int, Range, QString> steps[] = {
+        {"new", worked, 0, {0, 2}, ""},  // bytes 0-3 are never read
+        {"new", worked, 1, {2, 2}, ""},
+        {"new", worked, 2, {2, 5}, ""},
+        {"new", worked, 3, {5, 10}, ""},
+        {"new", worked, 254, {10, 10}, ""},
+        {"new", worked, 255, {10, 12}, ""},  // up to the last whole record
+        {"new", example().left(7), 0, {}, readFailed},
+        {"new", example().left(27), 5, {}, readFailed},  // too short for the slots
+        {"new", example().left(1023), 254, {}, readFailed},
+        {"new", example().left(1023), 255, {}, readFailed},
+        {"new", patched(4, "04000000"), 3, {}, corrupt + "03, low 5, high 4)"},  // start of 4 below start of 3
+        {"new", patched(5, "0b000000"), 4, {}, corrupt + "04, low 10, high 11)"},  // end past the 10 records
+        {"new", patched(255, "f0ffffff"), 255, {}, corrupt + "ff, low 4294967280, high 10)"},
+        {"new", example(), 2, {2, 5}, ""},
+        {"rewrite", example(4), 2, {2, 6}, ""},  // one record more in bucket 2
+        {"new", example(), 2, {2, 5}, ""},
+        {"remove", {}, 2, {}, opened.arg(ENOENT)},
+        {"new", example(), 2, {2, 5}, ""},
+        {"link", example(), 2, {}, opened.arg(ELOOP)}};
+    for (const auto& [change, bytes, bucket, expected, message] : steps) {
+        if (change == "rewrite") {
             QFile file(path);
             ASSERT_TRUE(file.open(QIODevice::ReadWrite));  // the same inode
             file.write(bytes);
-        } else {  // but for "write", a copy beside it is renamed over it, linked to in its place or left aside
-            nxtest::writeFile(change == "write" ? path : copy, bytes);
-            ASSERT_TRUE(change == "write" || QFile::remove(path));
-            ASSERT_TRUE(change != "replace" || QFile::rename(copy, path));
-            ASSERT_TRUE(change != "link" || QFile::link(copy, path));
+        } else {  // the file goes; a new one written beside it is renamed or linked to in its place
+            nxtest::writeFile(copy, bytes);
+            QFile::remove(path);
+            ASSERT_TRUE(change == "remove" || (change == "new" ? QFile::rename(copy, path) : QFile::link(copy, path)));
         }
-        EXPECT_EQ(range(2), expected) << change;
-        EXPECT_EQ(takeLog(), error ? errorLog("GetIndexHighAndLow", opened.arg(error)) : QStringList()) << change;
+        EXPECT_EQ(range(bucket), expected) << change << " bucket " << bucket << " " << message;
+        EXPECT_EQ(takeLog(), message.isEmpty() ? QStringList() : errorLog("GetIndexHighAndLow", message));
     }
 }
 
