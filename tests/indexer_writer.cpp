@@ -3,9 +3,6 @@
 
 namespace {
 
-const nxformat::IndexFile kFiles[] = {nxformat::IndexFile::Key, nxformat::IndexFile::Payload,
-                                      nxformat::IndexFile::Entry};
-
 class Writer : public IndexerTest
 {
 protected:
@@ -93,7 +90,7 @@ TEST_F(Writer, FailureBeforeTheRotationLeavesNoCurrentFiles)
     int database = 10;
     for (const auto& [file, link, message, pendingLeft] : cases) {
         useDatabase(QString("wdx%1").arg(database++));
-        QString target = file < 3 ? indexPath(kFiles[file], Generation::Pending, 0x21) : m_Indexer.m_SbfTmpPath;
+        QString target = file < 3 ? indexPath(IndexFile(file), Generation::Pending, 0x21) : m_Indexer.m_SbfTmpPath;
         QFile::remove(target);
         link ? QFile::link("/dev/full", target) : QDir().mkpath(target);
         EXPECT_FALSE(writeBucket(0x21, nxtest::makeRecord(0x21000001, 1))) << target;
@@ -103,8 +100,8 @@ TEST_F(Writer, FailureBeforeTheRotationLeavesNoCurrentFiles)
         EXPECT_EQ(m_Indexer.m_SbfOffsets[0x21], 0u);
         EXPECT_EQ(m_Indexer.m_EntryTable, nullptr);
         for (int i = 0; i < 3; ++i) {
-            EXPECT_FALSE(nxtest::exists(indexPath(kFiles[i], Generation::Current, 0x21))) << target;
-            EXPECT_EQ(QFileInfo(indexPath(kFiles[i], Generation::Pending, 0x21)).isFile(), i < pendingLeft) << i;
+            EXPECT_FALSE(nxtest::exists(indexPath(IndexFile(i), Generation::Current, 0x21))) << target;
+            EXPECT_EQ(QFileInfo(indexPath(IndexFile(i), Generation::Pending, 0x21)).isFile(), i < pendingLeft) << i;
         }
     }
 }
@@ -125,19 +122,19 @@ TEST_F(Writer, RotationReplacesAllThreeOrPutsBackTheFilesAlreadyMoved)
         if (failing < 0) {
             nxtest::writeFile(indexPath(IndexFile::Key, Generation::Previous, 0x4c), "stale copy");
         } else {  // a directory at the current name, and one at the previous name that keeps it there
-            QFile::remove(indexPath(kFiles[failing], Generation::Current, 0x4c));
-            QDir().mkpath(indexPath(kFiles[failing], Generation::Current, 0x4c) + "/in-the-way");
-            QDir().mkpath(indexPath(kFiles[failing], Generation::Previous, 0x4c) + "/in-the-way");
+            QFile::remove(indexPath(IndexFile(failing), Generation::Current, 0x4c));
+            QDir().mkpath(indexPath(IndexFile(failing), Generation::Current, 0x4c) + "/in-the-way");
+            QDir().mkpath(indexPath(IndexFile(failing), Generation::Previous, 0x4c) + "/in-the-way");
         }
         EXPECT_EQ(writeBucket(0x4c, contentOf(IndexFile::Entry, 2)), failing < 0);
         const QString moveFailed = "Error:MoveFileEx failed for the following file- ",
-                      blocked = failing < 0 ? "" : indexPath(kFiles[failing], Generation::Pending, 0x4c);
+                      blocked = failing < 0 ? "" : indexPath(IndexFile(failing), Generation::Pending, 0x4c);
         EXPECT_EQ(takeLog(), failing < 0 ? QStringList() : errorLog("WriteAllIndexing", moveFailed + blocked));
         EXPECT_NE(m_Indexer.m_SbfOffsets[0x4c], 0u);  // appended before the rotation
         EXPECT_TRUE(failing >= 0 || existing() == onlyCurrent);
         for (int i = 0; i < 3; ++i) {
             SCOPED_TRACE(qPrintable(QString("failing %1, file %2, old %3").arg(failing).arg(i).arg(oldVersions)));
-            IndexFile file = kFiles[i];
+            const IndexFile file = IndexFile(i);  // key, payload and entry file
             // A file moved in stays unless the failure puts an old one back; one not reached keeps the old.
             const bool moved = failing < 0 || i < failing, old = oldVersions && failing >= 0 && i != failing;
             EXPECT_EQ(read(file), old ? contentOf(file, 1) : moved ? contentOf(file, 2) : QByteArray());
