@@ -14,16 +14,14 @@ namespace {
 
 TEST(CommonLayout, RootRuleExamples)
 {
-    const struct {
-        const char *appDir, *root;
-    } rows[] = {{"/usr/lib/TalvexSuite/bin", "/usr/lib/TalvexSuite"},
-                {"/home/build/out/bin", "/home/build/out"},
-                {"/home/build/./out/x/../bin", "/home/build/out"},
-                {"/usr/local/bin", "/usr/lib/TalvexSuite"},
-                {"/opt/tool", "/opt"},
-                {"/opt", "/"}};
-    for (const auto& row : rows)
-        EXPECT_EQ(Common::rootPathForAppDir(row.appDir), QString(row.root)) << row.appDir;
+    const std::pair<const char*, const char*> rows[] = {{"/usr/lib/TalvexSuite/bin", "/usr/lib/TalvexSuite"},
+                                                        {"/home/build/out/bin", "/home/build/out"},
+                                                        {"/home/build/./out/x/../bin", "/home/build/out"},
+                                                        {"/usr/local/bin", "/usr/lib/TalvexSuite"},
+                                                        {"/opt/tool", "/opt"},
+                                                        {"/opt", "/"}};
+    for (const auto& [appDir, root] : rows)
+        EXPECT_EQ(Common::rootPathForAppDir(appDir), QString(root)) << appDir;
 }
 
 // Run by the next test in a copy of this executable in <root>/bin, under a German locale Qt must not use.
@@ -39,14 +37,13 @@ TEST(CommonRelocated, DISABLED_LayoutAndBuildStamp)
     EXPECT_EQ(QDir(root + "/reports").entryList(dirs) + QDir(root + "/settings").entryList(dirs),
               (QStringList{"scanner", "edr"}));
 
+    // The compiler's date and time, then the stamp in each of the formats.
     const char* formats[] = {"yyyy-MM-dd hh:mm:ss", "yyyy-MM-dd", "yyyy.MM.dd.0"};
-    const struct {
-        const char *date, *time, *out[3];
-    } rows[] = {{"Mar 28 2025", "13:08:05", {"2025-03-28 13:08:05", "2025-03-28", "2025.03.28.0"}},
-                {"Dec  9 1999", "00:00:59", {"1999-12-09 00:00:59", "1999-12-09", "1999.12.09.0"}}};
+    const char* rows[][5] = {{"Mar 28 2025", "13:08:05", "2025-03-28 13:08:05", "2025-03-28", "2025.03.28.0"},
+                             {"Dec  9 1999", "00:00:59", "1999-12-09 00:00:59", "1999-12-09", "1999.12.09.0"}};
     for (const auto& row : rows)
         for (int i = 0; i < 3; ++i)
-            EXPECT_EQ(Common::formatBuildStamp(row.date, row.time, formats[i]), QString(row.out[i]));
+            EXPECT_EQ(Common::formatBuildStamp(row[0], row[1], formats[i]), QString(row[2 + i]));
     for (const char* bad : {"Mrz 28 2025", "Feb 30 2025", ""})
         EXPECT_EQ(Common::formatBuildStamp(bad, "13:08:05", "yyyy-MM-dd"), QString()) << bad;
     EXPECT_TRUE(Common::getBuildDateTime().startsWith(Common::getBuildDate() + " "));
@@ -59,36 +56,20 @@ TEST(CommonRelocated, LayoutAndBuildStampInACopyUnderAGermanLocale)
     const QString root = QFileInfo(dir.path()).canonicalFilePath() + "/install";
     const QString copy = root + "/bin/nxtest_common";
     ASSERT_TRUE(QDir().mkpath(root + "/bin") && QFile::copy(QCoreApplication::applicationFilePath(), copy));
-    QProcess child;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("NXTEST_ROOT", root);
-    env.insert("LC_ALL", "de_DE.UTF-8");
-    child.setProcessEnvironment(env);
-    child.setProcessChannelMode(QProcess::MergedChannels);
-    child.start(copy, {"--gtest_filter=CommonRelocated.DISABLED_*", "--gtest_also_run_disabled_tests"});
-    ASSERT_TRUE(child.waitForFinished(120000));
-    const QString output = QString::fromUtf8(child.readAll());
-    EXPECT_TRUE(output.contains("[  PASSED  ] 1 test.")) << output;
+    const nxtest::Output child =
+        nxtest::run(copy, {"--gtest_filter=CommonRelocated.DISABLED_*", "--gtest_also_run_disabled_tests"},
+                    {"NXTEST_ROOT=" + root, "LC_ALL=de_DE.UTF-8"});
+    EXPECT_TRUE(child.out.contains("[  PASSED  ] 1 test.")) << child.out << child.err;
 }
 
 TEST(CommonSize, SizeText)
 {
-    const struct {
-        quint64 size;
-        const char* text;
-    } rows[] = {{0, "0.00 bytes"},
-                {1, "1.00 bytes"},
-                {1023, "1023.00 bytes"},
-                {1024, "1.00 KB"},
-                {1536, "1.50 KB"},
-                {1048575, "1024.00 KB"},
-                {1048576, "1.00 MB"},
-                {5492165909ULL, "5.11 GB"},
-                {1099511627776ULL, "1.00 TB"},
-                {1125899906842624ULL, "1024.00 TB"},
-                {18446744073709551615ULL, "16777216.00 TB"}};
-    for (const auto& row : rows)
-        EXPECT_EQ(Common::getSizeInString(row.size), QString(row.text)) << row.size;
+    const std::pair<quint64, const char*> rows[] = {
+        {0, "0.00 bytes"},       {1, "1.00 bytes"},          {1023, "1023.00 bytes"},       {1024, "1.00 KB"},
+        {1536, "1.50 KB"},       {1048575, "1024.00 KB"},    {1048576, "1.00 MB"},          {5492165909, "5.11 GB"},
+        {1ULL << 40, "1.00 TB"}, {1ULL << 50, "1024.00 TB"}, {UINT64_MAX, "16777216.00 TB"}};
+    for (const auto& [size, text] : rows)
+        EXPECT_EQ(Common::getSizeInString(size), QString(text)) << size;
 }
 
 // Only visible files and what links lead to count; a cycle of links ends; an unreadable directory adds nothing.

@@ -1,11 +1,10 @@
 // The single-instance guard between this process and nxguardprobe.
 #include "singleinstanceapp.h"
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
 #include <QProcess>
-#include <QRandomGenerator>
+#include <QUuid>
 #include <gtest/gtest.h>
 
 namespace {
@@ -22,9 +21,7 @@ QString probe(QProcess& p, const QString& name, const char* mode = "try")
 
 TEST(Guard, OneHolderAcrossProcessesAndUnusableName)
 {
-    const QString name = QString("nxguard-test-%1-%2")
-                             .arg(QCoreApplication::applicationPid())
-                             .arg(QRandomGenerator::global()->generate64(), 0, 16);
+    const QString name = "nxguard-test-" + QUuid::createUuid().toString(QUuid::Id128);
     const QString socket = QDir::tempPath() + "/" + name;
     QProcess holder, killed, once;
     {

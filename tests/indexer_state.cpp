@@ -1,39 +1,25 @@
 // The state files that tell a run what to index: DB-COUNT, next volume, source file count, progress marks.
 #include "indexer_fixture.h"
 
+#include <climits>
+#include <map>
 #include <vector>
 
 namespace {
 
-class StateFiles : public IndexerTest
-{
-protected:
-    void touchSource(const char* db, int n) { nxtest::writeFile(nxformat::sourceFilePath(host(), db, n), {}); }
-    // The marks getHlpINIData reads from the file; a slot it does not read stays -1.
-    std::vector<int> readMarks(const QString& path)
-    {
-        std::vector<int> marks(256, -1);
-        m_Indexer.getHlpINIData(marks.data(), path);
-        return marks;
-    }
-};
+using StateFiles = IndexerTest;
 
 TEST_F(StateFiles, DbCountComesFromTheFileOfTheDatabase)
 {
     nxtest::writeFile(host() + "/idxval.ini", "[DB-COUNT]\nWDX00=43\nWFX01=7\nWFX00=99\n");
     nxtest::writeFile(host() + "/wfx_idxval.ini", "[DB-COUNT]\nWFX00=12\n");
-    const struct {
-        const char* db;
-        int count;
-        const char* file;
-    } cases[] = {{"wdx00", 43, "/idxval.ini"},
-                 {"wfx01", 7, "/idxval.ini"},
-                 {"wfx00", 12, "/wfx_idxval.ini"},
-                 {"wdx01", 0, "/idxval.ini"}};
-    for (const auto& c : cases) {
-        useDatabase(c.db);
-        EXPECT_EQ(m_Indexer.GetValDBCount(), c.count) << c.db;
-        EXPECT_EQ(m_Indexer.m_ValIniPath, host() + c.file) << c.db;
+    const char *shared = "/idxval.ini", *own = "/wfx_idxval.ini";
+    const std::tuple<const char*, int, const char*> cases[] = {
+        {"wdx00", 43, shared}, {"wfx01", 7, shared}, {"wfx00", 12, own}, {"wdx01", 0, shared}};
+    for (const auto& [db, count, file] : cases) {
+        useDatabase(db);
+        EXPECT_EQ(m_Indexer.GetValDBCount(), count) << db;
+        EXPECT_EQ(m_Indexer.m_ValIniPath, host() + file) << db;
     }
     EXPECT_TRUE(takeLog().isEmpty());
 }
@@ -41,6 +27,7 @@ TEST_F(StateFiles, DbCountComesFromTheFileOfTheDatabase)
 TEST_F(StateFiles, NextVolumeDecidesFullIndexingAndWhereCountingStarts)
 {
     // The end-to-end walk shows wdx99 closed by wdx100.
+    auto touchSource = [&](const char* db, int n) { nxtest::writeFile(nxformat::sourceFilePath(host(), db, n), {}); };
     char wdx00[] = "wdx00", empty[] = "";
     touchSource("wdx00", 0);
     EXPECT_FALSE(m_Indexer.IsToDoFullIndexing(wdx00));
@@ -59,46 +46,48 @@ TEST_F(StateFiles, NextVolumeDecidesFullIndexingAndWhereCountingStarts)
 
 TEST_F(StateFiles, ProgressFileWrittenSortedAndReadByItsTokenRules)
 {
-    auto marksWith = [](std::vector<std::pair<int, int>> set) {
-        std::vector<int> marks(256, -1);
-        for (auto [bucket, mark] : set)
-            marks[size_t(bucket)] = mark;
+    // The slots getHlpINIData sets from the file; it leaves the others as they were.
+    using Marks = std::map<int, int>;
+    const QString path = host() + "/wdx00hl.ini";
+    auto readMarks = [&] {
+        std::vector<int> read(256, INT_MIN);
+        m_Indexer.getHlpINIData(read.data(), path);
+        Marks marks;
+        for (int bucket = 0; bucket < 256; ++bucket)
+            if (read[size_t(bucket)] != INT_MIN)
+                marks[bucket] = read[size_t(bucket)];
         return marks;
     };
     // Updateini keeps the keys sorted; 04 is missing, so 1a is read in its place and ignored.
-    m_Indexer.m_HlIniPath = host() + "/wdx00hl.ini";
+    m_Indexer.m_HlIniPath = path;
     const std::pair<int, int> updates[] = {{26, 7}, {3, -1}, {0, 123}, {1, 4}, {2, 4}};
     for (auto [bucket, mark] : updates)
         m_Indexer.Updateini(bucket, mark);
-    EXPECT_EQ(nxtest::readFile(m_Indexer.m_HlIniPath), QByteArray("[hlpr]\n00=123\n01=04\n02=04\n03=-1\n1a=07\n"));
-    EXPECT_EQ(readMarks(m_Indexer.m_HlIniPath), marksWith({{0, 123}, {1, 4}, {2, 4}}));
+    EXPECT_EQ(nxtest::readFile(path), QByteArray("[hlpr]\n00=123\n01=04\n02=04\n03=-1\n1a=07\n"));
+    EXPECT_EQ(readMarks(), Marks({{0, 123}, {1, 4}, {2, 4}, {3, -1}}));
     EXPECT_TRUE(takeLog().isEmpty());
 
     QByteArray all = "[hlpr]\n";  // every bucket, then one past the last: ignored
-    std::vector<int> allMarks(256);
+    Marks allMarks;
     for (int bucket = 0; bucket < 256; ++bucket) {
         all += QString::asprintf("%02x=%02d\n", bucket, bucket % 50).toUtf8();
-        allMarks[size_t(bucket)] = bucket % 50;
+        allMarks[bucket] = bucket % 50;
     }
-    const struct {
-        QByteArray text;
-        std::vector<int> marks;
-    } cases[] = {
-        {"[hlpr]\n00=05\n01=-1\n02=07\n", marksWith({{0, 5}, {2, 7}})},
-        {"[hlpr]\n00=05\n01=05\n03=05\n", marksWith({{0, 5}, {1, 5}})},  // 03 arrives where 02 was due
-        {"[hlpr]\n01=05\n02=05\n", marksWith({})},  // 01 consumed in 00's place
-        {"[hlpr]\n00=1\n01=2\n02=3\n03=4\n04=\n05=6\n", marksWith({{0, 1}, {1, 2}, {2, 3}, {3, 4}, {5, 6}})},
-        {"[hlpr]\n00=1\n01=2\n02=3\n03=4\n04\n05=6\n", marksWith({{0, 1}, {1, 2}, {2, 3}, {3, 4}})},
-        {"[hlpr]\r\n\r\n00=05\r\n\r\n\r\n01=123\r\n", marksWith({{0, 5}, {1, 123}})},
-        {"[hlpr]\n00\n01=3\n", marksWith({{1, 3}})},  // 00 without "=" clears slot 0 and goes on
-        {"[hlpr]\n00=-2000000000\n01=99999999999\n", marksWith({{0, -1}, {1, 2147483646}})},
-        {"[hlpr]\n", marksWith({})},
-        {"", marksWith({})},
-        {all + "100=7\n", allMarks},
-    };
-    for (const auto& c : cases) {
-        nxtest::writeFile(host() + "/progress.ini", c.text);
-        EXPECT_EQ(readMarks(host() + "/progress.ini"), c.marks) << c.text.left(100).constData();
+    const std::pair<QByteArray, Marks> cases[] = {
+        {"[hlpr]\n00=05\n01=-1\n02=07\n", {{0, 5}, {1, -1}, {2, 7}}},
+        {"[hlpr]\n00=05\n01=05\n03=05\n", {{0, 5}, {1, 5}}},  // 03 arrives where 02 was due
+        {"[hlpr]\n01=05\n02=05\n", {}},  // 01 consumed in 00's place
+        {"[hlpr]\n00=1\n01=2\n02=3\n03=4\n04=\n05=6\n", {{0, 1}, {1, 2}, {2, 3}, {3, 4}, {4, -1}, {5, 6}}},
+        {"[hlpr]\n00=1\n01=2\n02=3\n03=4\n04\n05=6\n", {{0, 1}, {1, 2}, {2, 3}, {3, 4}, {4, -1}}},  // the end
+        {"[hlpr]\r\n\r\n00=05\r\n\r\n\r\n01=123\r\n", {{0, 5}, {1, 123}}},
+        {"[hlpr]\n00\n01=3\n", {{0, -1}, {1, 3}}},  // 00 without "=" clears slot 0 and goes on
+        {"[hlpr]\n00=-2000000000\n01=99999999999\n", {{0, -1}, {1, 2147483646}}},
+        {"[hlpr]\n", {}},
+        {"", {}},
+        {all + "100=7\n", allMarks}};
+    for (const auto& [text, marks] : cases) {
+        nxtest::writeFile(path, text);
+        EXPECT_EQ(readMarks(), marks) << text.left(100).constData();
     }
 }
 

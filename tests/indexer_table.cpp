@@ -5,15 +5,14 @@ namespace {
 
 TEST(IndexFormat, CompareOrdersByTheWrappedKeyDifference)
 {
-    const struct {
-        uint32_t first, second;
-    } cases[] = {{66049, 66051}, {0x80000001u, 0}, {0, 0x7FFFFFFFu}};
-    for (const auto& c : cases) {
-        QByteArray first = nxtest::makeRecord(c.first, 1), second = nxtest::makeRecord(c.second, 2);
-        EXPECT_LT(compare(first.constData(), second.constData()), 0) << c.first << " vs " << c.second;
-        EXPECT_GT(compare(second.constData(), first.constData()), 0) << c.first << " vs " << c.second;
+    // Each pair ascends, keys 2^31 or more apart by the wrapped difference; equal keys tie whatever the payload.
+    const std::pair<uint32_t, uint32_t> pairs[] = {{66049, 66051}, {0x80000001u, 0}, {0, 0x7FFFFFFFu}, {7, 7}};
+    for (auto [low, high] : pairs) {
+        const QByteArray first = nxtest::makeRecord(low, 3), second = nxtest::makeRecord(high, 4);
+        const int order = low == high ? 0 : -1;
+        EXPECT_EQ(std::clamp(compare(first.constData(), second.constData()), -1, 1), order) << low << " vs " << high;
+        EXPECT_EQ(std::clamp(compare(second.constData(), first.constData()), -1, 1), -order) << low << " vs " << high;
     }
-    EXPECT_EQ(compare(nxtest::makeRecord(7, 3).constData(), nxtest::makeRecord(7, 4).constData()), 0);
 }
 
 TEST(IndexFormat, SbfSizeRecordValue)
@@ -26,6 +25,7 @@ TEST(IndexFormat, SbfSizeRecordValue)
 }
 
 constexpr int kBucket = 7;
+using Range = std::vector<DWORD>;
 
 class EntryTable : public IndexerTest
 {
@@ -39,11 +39,11 @@ protected:
         return nxformat::buildSourceFile(buckets);
     }
     // GetIndexHighAndLow on file 0 as {low, high}, or {} when it failed.
-    std::vector<DWORD> range(int bucket)
+    Range range(int bucket)
     {
         DWORD low = 0, high = 0;
         bool read = m_Indexer.GetIndexHighAndLow(sourcePath(0).toUtf8().data(), bucket, &low, &high);
-        return read ? std::vector<DWORD>{low, high} : std::vector<DWORD>{};
+        return read ? Range{low, high} : Range{};
     }
     // Source file n gets n + 1 records in kBucket, keys descending across files.
     QByteArray writeSource(int n)
@@ -54,48 +54,52 @@ protected:
         nxtest::writeFile(sourcePath(n), nxformat::buildSourceFile(buckets));
         return buckets[kBucket];
     }
-    DWORD pass(bool collect, int dbCount, int firstFile = 0, int* lastFile = nullptr)
-    {
-        int last = 0;
-        return m_Indexer.CalculateSizeOfIndex(kBucket, firstFile, collect, lastFile ? lastFile : &last, dbCount);
-    }
 };
 
+// The range of a bucket in whatever file 0's path names at each step: a new file (one rewritten in place within a tick
+// of the clock would read as it was), the same file rewritten in place, none, or a link. A source file stays open with
+// its start table read once, yet each call reads what a fresh open would.
 TEST_F(EntryTable, RangesOfTheWorkedExampleAndRefusedOnes)
 {
-    const QString path = sourcePath(0), readFailed = "Error: ReadFile failed for the following file- " + path,
-                  corrupt = "Error: Corrupt bucket range in the following file- " + path + " (bucket ";
+    const QString path = sourcePath(0), copy = path + ".copy",
+                  readFailed = "Error: ReadFile failed for the following file- " + path,
+                  corrupt = "Error: Corrupt bucket range in the following file- " + path + " (bucket ",
+                  opened = "Could not open following db file- " + path + " - code -> %1 ";
     auto patched = [](int slot, const char* hex) { return example().replace(4 * slot, 4, QByteArray::fromHex(hex)); };
     ASSERT_EQ(example().size(), 1184);
-    // Bucket 0 never reads bytes 0-3; bucket 255 ends with the last whole record.
     const QByteArray worked = patched(0, "ffffffff") + nxtest::makeRecord(1, 1) + nxtest::makeRecord(2, 2) + "1234567";
-    using Range = std::vector<DWORD>;
-    const struct {
-        int bucket;
-        QByteArray file;
-        Range range;
-        QString message;
-    } cases[] = {{0, worked, {0, 2}, {}},
-                 {1, worked, {2, 2}, {}},
-                 {2, worked, {2, 5}, {}},
-                 {3, worked, {5, 10}, {}},
-                 {254, worked, {10, 10}, {}},
-                 {255, worked, {10, 12}, {}},
-                 {0, example().left(7), {}, readFailed},
-                 {5, example().left(27), {}, readFailed},  // too short for the slots
-                 {254, example().left(1023), {}, readFailed},
-                 {255, example().left(1023), {}, readFailed},
-                 {3, patched(4, "04000000"), {}, corrupt + "03, low 5, high 4)"},  // start of 4 below start of 3
-                 {4, patched(5, "0b000000"), {}, corrupt + "04, low 10, high 11)"},  // end past the 10 records
-                 {255, patched(255, "f0ffffff"), {}, corrupt + "ff, low 4294967280, high 10)"},
-                 {1, QByteArray(), {}, "Could not open following db file- " + path + " - code -> 2 "}};  // no file
-    for (const auto& c : cases) {
-        // A new file each time: one rewritten in place within a tick of the clock would read as it was.
-        QFile::remove(path);
-        if (!c.file.isEmpty())
-            nxtest::writeFile(path, c.file);
-        EXPECT_EQ(range(c.bucket), c.range) << "bucket " << c.bucket << " " << qPrintable(c.message);
-        EXPECT_EQ(takeLog(), c.message.isEmpty() ? QStringList() : errorLog("GetIndexHighAndLow", c.message));
+    const std::tuple<QString, QByteArray, int, Range, QString> steps[] = {
+        {"new", worked, 0, {0, 2}, ""},  // bytes 0-3 are never read
+        {"new", worked, 1, {2, 2}, ""},
+        {"new", worked, 2, {2, 5}, ""},
+        {"new", worked, 3, {5, 10}, ""},
+        {"new", worked, 254, {10, 10}, ""},
+        {"new", worked, 255, {10, 12}, ""},  // up to the last whole record
+        {"new", example().left(7), 0, {}, readFailed},
+        {"new", example().left(27), 5, {}, readFailed},  // too short for the slots
+        {"new", example().left(1023), 254, {}, readFailed},
+        {"new", example().left(1023), 255, {}, readFailed},
+        {"new", patched(4, "04000000"), 3, {}, corrupt + "03, low 5, high 4)"},  // start of 4 below start of 3
+        {"new", patched(5, "0b000000"), 4, {}, corrupt + "04, low 10, high 11)"},  // end past the 10 records
+        {"new", patched(255, "f0ffffff"), 255, {}, corrupt + "ff, low 4294967280, high 10)"},
+        {"new", example(), 2, {2, 5}, ""},
+        {"rewrite", example(4), 2, {2, 6}, ""},  // one record more in bucket 2
+        {"new", example(), 2, {2, 5}, ""},
+        {"remove", {}, 2, {}, opened.arg(ENOENT)},
+        {"new", example(), 2, {2, 5}, ""},
+        {"link", example(), 2, {}, opened.arg(ELOOP)}};
+    for (const auto& [change, bytes, bucket, expected, message] : steps) {
+        if (change == "rewrite") {
+            QFile file(path);
+            ASSERT_TRUE(file.open(QIODevice::ReadWrite));  // the same inode
+            file.write(bytes);
+        } else {  // the file goes; a new one written beside it is renamed or linked to in its place
+            nxtest::writeFile(copy, bytes);
+            QFile::remove(path);
+            ASSERT_TRUE(change == "remove" || (change == "new" ? QFile::rename(copy, path) : QFile::link(copy, path)));
+        }
+        EXPECT_EQ(range(bucket), expected) << change << " bucket " << bucket << " " << message;
+        EXPECT_EQ(takeLog(), message.isEmpty() ? QStringList() : errorLog("GetIndexHighAndLow", message));
     }
 }
 
@@ -108,19 +112,19 @@ TEST_F(EntryTable, PassesVisitFilesUpToDbCountMinusTwoSkippingMissingAndCorrupt)
     QStringList skipped = errorLog("CalculateSizeOfIndex", "Yn File Not exist : " + sourcePath(1)) +
                           errorLog("GetIndexHighAndLow", "Error: Corrupt bucket range in the following file- " +
                                                              sourcePath(2) + " (bucket 07, low 0, high 99)");
-    const struct {
-        int firstFile, dbCount;
-        DWORD size;
-        int lastFile;
-    } cases[] = {{0, 5, 16 * (1 + 4), 3}, {3, 5, 16 * 4, 3}, {4, 5, 0, 3}, {6, 5, 0, 5}, {0, 1, 0, -1}, {0, 0, 0, -1}};
-    for (const auto& c : cases) {
-        int lastFile = 99;
-        EXPECT_EQ(pass(false, c.dbCount, c.firstFile, &lastFile), c.size) << c.firstFile << "/" << c.dbCount;
-        EXPECT_EQ(lastFile, c.lastFile) << c.firstFile << "/" << c.dbCount;
-        EXPECT_EQ(takeLog(), c.firstFile == 0 && c.dbCount == 5 ? skipped : QStringList());
+    // The first file and DB-COUNT; the size of the ranges found and the last file visited.
+    const std::tuple<int, int, DWORD, int> cases[] = {
+        {0, 5, 16 * (1 + 4), 3}, {3, 5, 16 * 4, 3}, {4, 5, 0, 3}, {6, 5, 0, 5}, {0, 1, 0, -1}, {0, 0, 0, -1}};
+    int lastFile = 99;
+    for (const auto& [firstFile, dbCount, size, last] : cases) {
+        lastFile = 99;
+        EXPECT_EQ(m_Indexer.CalculateSizeOfIndex(kBucket, firstFile, false, &lastFile, dbCount), size)
+            << firstFile << "/" << dbCount;
+        EXPECT_EQ(lastFile, last) << firstFile << "/" << dbCount;
+        EXPECT_EQ(takeLog(), firstFile == 0 && dbCount == 5 ? skipped : QStringList());
     }
     ASSERT_EQ(allocate(kBucket, DWORD(kept.size())), DWORD(kept.size()));
-    pass(true, 5);
+    m_Indexer.CalculateSizeOfIndex(kBucket, 0, true, &lastFile, 5);
     EXPECT_EQ(tableBytes(kept.size()), kept);
     EXPECT_EQ(m_Indexer.m_EntryCursor, m_Indexer.m_EntryTable + kept.size());
     EXPECT_EQ(takeLog(), skipped);
@@ -128,7 +132,7 @@ TEST_F(EntryTable, PassesVisitFilesUpToDbCountMinusTwoSkippingMissingAndCorrupt)
     // File 3 grew since the sizing pass: nothing is copied past the table.
     nxtest::writeFile(sourcePath(3), nxtest::readFile(sourcePath(4)));
     allocate(kBucket, DWORD(kept.size()));
-    pass(true, 5);
+    m_Indexer.CalculateSizeOfIndex(kBucket, 0, true, &lastFile, 5);
     EXPECT_TRUE(NxiTestDoor::entryTableOverflowed(m_Indexer));
     EXPECT_EQ(tableBytes(kept.size()), kept.left(16) + QByteArray(64, '\0'));
     QString tooSmall = "Error: Entry table too small for the following file(read buffer) - " + sourcePath(3);
@@ -158,7 +162,8 @@ TEST_F(EntryTable, SortKeepsRecordsWithEqualKeysInTableOrder)
         }
         const DWORD allocSize = allocate(kBucket, 2 * 24 * 16);
         ASSERT_TRUE(m_Indexer.ReadHelperFile(kBucket));
-        pass(true, 3);
+        int lastFile = 0;
+        m_Indexer.CalculateSizeOfIndex(kBucket, 0, true, &lastFile, 3);
         NxiTestDoor::sortEntryTable(m_Indexer, allocSize);
         QByteArray expected;
         for (uint32_t key : keys)
@@ -173,94 +178,45 @@ TEST_F(EntryTable, SortKeepsRecordsWithEqualKeysInTableOrder)
 
 TEST_F(EntryTable, AllocationCountsTheHelperWhichLoadsAtTheHeadUnlessItChanged)
 {
-    const QString path = helperPath(kBucket), notRegular = "Error:Refused the following file, not a regular file- ";
+    const QString path = helperPath(kBucket);
     const QByteArray letters = QByteArray("abcdefghijklmnopqrstuvwxyz").repeated(3);
-    auto tooLarge = [](quint64 bytes) {
-        return errorLog("AllocateIndexBuffer",
-                        QString("Error: Bucket 07 too large to index - %1 bytes, more than 65535 records").arg(bytes));
-    };
-    const QStringList tooSmall = errorLog("ReadHelperFile",
-                                          "Error: Entry table too small for the following file(helper "
-                                          "buffer) - " +
-                                              path + " (64 bytes, room for 48)");
-    // The new bytes; the helper's size when sized and when read (-1: gone by then; -2: a directory, last as it stays).
-    const struct {
-        DWORD size;
-        int sized, read;
-        bool fits;
-        QStringList log;
-    } cases[] = {{16, 48, 48, true, {}},
-                 {16, 50, 50, true, {}},
-                 {16, 0, 0, true, {}},
-                 {16, 32, -1, true, {}},
-                 {16, 32, 64, true, tooSmall},
-                 {65535 * 16, 0, 0, true, {}},
-                 {65535 * 16 - 15, 15 + 15, 30, true, {}},
-                 {65535 * 16, 16, 16, false, tooLarge(65535 * 16 + 16)},
-                 {0xFFFFFFFFu, 0, 0, false, tooLarge(0xFFFFFFFFu)},
-                 {16, -2, -2, true,
-                  errorLog("AllocateIndexBuffer", notRegular + path) +
-                      errorLog("ReadHelperFile", "Error:Unable to get file size! - " + path)}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.size << " bytes, helper " << c.sized << " then " << c.read);
+    const DWORD full = 65535 * 16, most = 0xFFFFFFFFu;  // a full bucket's bytes; the most a size can say
+    const QString tooLarge = "Error: Bucket 07 too large to index - %1 bytes, more than 65535 records";
+    const QStringList overFull = errorLog("AllocateIndexBuffer", tooLarge.arg(full + 16)),
+                      overMost = errorLog("AllocateIndexBuffer", tooLarge.arg(most));
+    const QString grew = "Error: Entry table too small for the following file(helper buffer) - " + path;
+    const QStringList tooSmall = errorLog("ReadHelperFile", grew + " (64 bytes, room for 48)");
+    const QStringList directory =
+        errorLog("AllocateIndexBuffer", "Error:Refused the following file, not a regular file- " + path) +
+        errorLog("ReadHelperFile", "Error:Unable to get file size! - " + path);
+    // The new bytes; the helper's size when sized and when read (-1: gone by then; -2: a directory, last as it stays);
+    // whether the table is allocated; the log. A full bucket less 15 bytes still fits 30 helper bytes.
+    const std::tuple<DWORD, int, int, bool, QStringList> cases[] = {
+        {16, 48, 48, true, {}},        {16, 50, 50, true, {}},          {16, 0, 0, true, {}},
+        {16, 32, -1, true, {}},        {16, 32, 64, true, tooSmall},    {full, 0, 0, true, {}},
+        {full - 15, 30, 30, true, {}}, {full, 16, 16, false, overFull}, {most, 0, 0, false, overMost},
+        {16, -2, -2, true, directory}};
+    for (const auto& [size, sized, read, fits, log] : cases) {
+        SCOPED_TRACE(testing::Message() << size << " bytes, helper " << sized << " then " << read);
         QFile::remove(path);
-        c.sized == -2 ? void(QDir().mkpath(path)) : nxtest::writeFile(path, letters.left(c.sized));
-        bool hasHelper = false, loaded = c.sized == c.read && c.sized > 0;
+        sized == -2 ? void(QDir().mkpath(path)) : nxtest::writeFile(path, letters.left(sized));
+        bool hasHelper = false, loaded = sized == read && sized > 0;
         DWORD allocSize = 1;
-        EXPECT_EQ(m_Indexer.AllocateIndexBuffer(kBucket, c.size, &hasHelper, &allocSize), c.fits);
-        EXPECT_EQ(allocSize, c.fits ? c.size + DWORD(std::max(c.sized, 0)) : 0);
-        EXPECT_EQ(hasHelper, c.sized > 0);
-        EXPECT_EQ(m_Indexer.m_EntryTable != nullptr, c.fits);
-        if (c.fits) {
-            if (c.read != c.sized)
-                c.read < 0 ? void(QFile::remove(path)) : nxtest::writeFile(path, letters.left(c.read));
+        EXPECT_EQ(m_Indexer.AllocateIndexBuffer(kBucket, size, &hasHelper, &allocSize), fits);
+        EXPECT_EQ(allocSize, fits ? size + DWORD(std::max(sized, 0)) : 0);
+        EXPECT_EQ(hasHelper, sized > 0);
+        EXPECT_EQ(m_Indexer.m_EntryTable != nullptr, fits);
+        if (fits) {
+            if (read != sized)
+                read < 0 ? void(QFile::remove(path)) : nxtest::writeFile(path, letters.left(read));
             EXPECT_EQ(m_Indexer.ReadHelperFile(kBucket), loaded);
-            EXPECT_EQ(m_Indexer.m_EntryCursor - m_Indexer.m_EntryTable, loaded ? c.sized & ~15 : 0);
-            EXPECT_EQ(tableBytes(loaded ? c.sized : 16), loaded ? letters.left(c.sized) : QByteArray(16, '\0'));
-            EXPECT_EQ(NxiTestDoor::entryTableOverflowed(m_Indexer), c.read == 64);
+            EXPECT_EQ(m_Indexer.m_EntryCursor - m_Indexer.m_EntryTable, loaded ? sized & ~15 : 0);
+            EXPECT_EQ(tableBytes(loaded ? sized : 16), loaded ? letters.left(sized) : QByteArray(16, '\0'));
+            EXPECT_EQ(NxiTestDoor::entryTableOverflowed(m_Indexer), read == 64);
         }
-        EXPECT_EQ(takeLog(), c.log);
+        EXPECT_EQ(takeLog(), log);
         NxiTestDoor::releaseIndexBuffer(m_Indexer);
     }
 }
 
 }  // namespace
-
-// A source file stays open with its start table read once, yet each call reads what a fresh open would.
-TEST_F(EntryTable, KeptSourceFilesFollowWhatThePathNamesNow)
-{
-    const QString path = sourcePath(0);
-    const QString opened = "Could not open following db file- " + path + " - code -> %1 ";
-    const struct {
-        const char* change;
-        std::vector<DWORD> range;
-        QStringList log;
-    } steps[] = {{"write", {2, 5}, {}},
-                 {"rewrite", {2, 6}, {}},  // one record more in bucket 2, in place
-                 {"replace", {2, 5}, {}},  // a new file renamed over it
-                 {"remove", {}, errorLog("GetIndexHighAndLow", opened.arg(ENOENT))},
-                 {"write", {2, 5}, {}},
-                 {"link", {}, errorLog("GetIndexHighAndLow", opened.arg(ELOOP))}};  // to a copy, in its place
-    for (const auto& step : steps) {
-        const QString change = step.change;
-        const QByteArray bytes = example(change == "rewrite" ? 4 : 3);
-        if (change == "write") {
-            nxtest::writeFile(path, bytes);
-        } else if (change == "rewrite") {
-            QFile file(path);
-            ASSERT_TRUE(file.open(QIODevice::ReadWrite));  // the same inode
-            file.write(bytes);
-        } else if (change == "replace") {
-            nxtest::writeFile(path + ".new", bytes);
-            ASSERT_TRUE(QFile::remove(path) && QFile::rename(path + ".new", path));
-        } else {
-            nxtest::writeFile(path + ".copy", bytes);
-            ASSERT_TRUE(QFile::remove(path));
-            if (change == "link") {
-                ASSERT_TRUE(QFile::link(path + ".copy", path));
-            }
-        }
-        EXPECT_EQ(range(2), step.range) << step.change;
-        EXPECT_EQ(takeLog(), step.log) << step.change;
-    }
-}

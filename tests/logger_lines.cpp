@@ -49,23 +49,20 @@ TEST_F(Logger, LevelsLetThroughTheirEntryPoints)
                              "[TRACE]  [main] :: t",
                              " [main] :: b",
                              "[DEBUG]  [main] :: d"};
-    struct Case {
-        void (*set)(CLogger&);
-        int passing;
-    };
-    const Case cases[] = {
+    // A setting and how many of the lines above pass it.
+    const std::pair<void (*)(CLogger&), int> cases[] = {
         {[](CLogger&) {}, 4},
         {[](CLogger& l) { l.DisableLog(); }, 2},
         {[](CLogger& l) { l.EnaleLog(); }, 6},
         {[](CLogger& l) { l.UpdateLogLevel(LOGGER::LOG_LEVEL(0)); }, 2},
         {[](CLogger& l) { l.UpdateLogLevel(LOGGER::LOG_LEVEL(-5)); }, 2},
         {[](CLogger& l) { l.UpdateLogLevel(LOGGER::LEVEL_INFO); }, 3},
-        {[](CLogger& l) { l.UpdateLogLevel(LOGGER::LEVEL_BUFFER); }, 5},
-    };
-    for (const Case& c : cases) {
-        QString casePath = dir.filePath(QString("level%1.log").arg(&c - cases));
+        {[](CLogger& l) { l.UpdateLogLevel(LOGGER::LEVEL_BUFFER); }, 5}};
+    int number = 0;
+    for (const auto& [set, passing] : cases) {
+        QString casePath = dir.filePath(QString("level%1.log").arg(number++));
         CLogger l(casePath.toStdString());
-        c.set(l);
+        set(l);
         const char* fn = "int main(int, char**)";
         l.Error(fn, 2, "e");
         l.Always(fn, "a");
@@ -73,7 +70,7 @@ TEST_F(Logger, LevelsLetThroughTheirEntryPoints)
         l.Trace(fn, "t");
         l.Buffer(fn, "b");
         l.Debug(fn, "d");
-        EXPECT_EQ(nxtest::logBodies(casePath).mid(1), all.mid(0, c.passing)) << casePath;
+        EXPECT_EQ(nxtest::logBodies(casePath).mid(1), all.mid(0, passing)) << casePath;
     }
 }
 
@@ -93,12 +90,8 @@ TEST_F(Logger, ConsoleLinesEndInNewlineAndOtherTypesAreSilent)
 
 TEST(LoggerNames, ProgramNameFallsBackToExeThenUnknownAndNamesTheSharedLog)
 {
-    struct Case {
-        QStringList args;
-        QString exe;
-        QString name;
-    };
-    const Case cases[] = {
+    // The arguments, the executable's path and the name.
+    const std::tuple<QStringList, QString, QString> cases[] = {
         {{"/usr/bin/nxindexer", "x"}, "/a/other", "nxindexer"},
         {{" /opt/ nx  "}, "", "nx"},
         {{"/usr/bin/"}, "/a/other", "/usr/bin/"},
@@ -107,8 +100,8 @@ TEST(LoggerNames, ProgramNameFallsBackToExeThenUnknownAndNamesTheSharedLog)
         {{}, "", "Unknown"},
         {{" "}, "/", "Unknown"},
     };
-    for (const Case& c : cases)
-        EXPECT_EQ(CLogger::programNameFrom(c.args, c.exe), c.name) << c.args.join('|');
+    for (const auto& [args, exe, name] : cases)
+        EXPECT_EQ(CLogger::programNameFrom(args, exe), name) << args.join('|');
     EXPECT_EQ(CLogger::programName(), "nxtest_logger");
     CLogger* logger = CLogger::getInstance();
     ASSERT_EQ(CLogger::getInstance(), logger);
