@@ -28,6 +28,7 @@ DWORD nxi::CalculateSizeOfIndex(int bucket, int firstFile, bool fill, int* lastF
     // format is seen as such by AllocateIndexBuffer instead of wrapping.
     uint64_t total = 0;
     int fileNumber = firstFile;
+    m_SourceFiles.watchChanges();  // each pass reads the files as they are now
     for (; fileNumber < int64_t(dbCount) - 1; ++fileNumber) {
         m_SourceFiles.forgetLook();  // what the last file's test saw
         const QByteArray& name = m_SourceFiles.path(m_HostPath, m_DbName, fileNumber);
