@@ -149,8 +149,8 @@ Status runCounted(const QString& strace, const Command& command, const QString& 
     return found.total > 0 ? Status::ok() : Status::error(EINVAL, "read the strace summary " + outputFile);
 }
 
-// Copies the tree at from to to: source files (.yn), which no program
-// writes, as hard links, every other file as a copy of its own.
+// Copies the tree at from to to, every file a copy of its own: a source file
+// with a second link would be checked at every use (see sourcefiles.h).
 Status copyTree(const QString& from, const QString& to)
 {
     if (!QDir().mkpath(to))
@@ -159,10 +159,7 @@ Status copyTree(const QString& from, const QString& to)
     QDirIterator it(from, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         const QString source = it.next(), target = to + source.mid(from.size());
-        if (it.fileInfo().isDir() ? !QDir().mkpath(target)
-            : source.endsWith(".yn")
-                ? ::link(QFile::encodeName(source).constData(), QFile::encodeName(target).constData()) != 0
-                : !QFile::copy(source, target))
+        if (it.fileInfo().isDir() ? !QDir().mkpath(target) : !QFile::copy(source, target))
             return Status::fromErrno("copy " + source + " to " + target);
     }
     return Status::ok();
