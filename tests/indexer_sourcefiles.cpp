@@ -40,13 +40,14 @@ TEST_P(KeptSourceFiles, ReadAsThePathNamesThemNow)
     ASSERT_TRUE(QDir().mkpath(sources));
     SourceFiles files;
     // Forming a path sets the watch; without it the files are checked at every use.
-    const QByteArray path = watched ? files.path(host, "wdx00", 0) : nxformat::sourceFilePath(host, "wdx00", 0).toUtf8();
+    const QByteArray path =
+        watched ? files.path(host, "wdx00", 0) : nxformat::sourceFilePath(host, "wdx00", 0).toUtf8();
     const QString name = QString::fromUtf8(path);
     // What happens to the file, the mark it then holds and its size; the last two changes only the watch sees.
     const std::tuple<QString, uint32_t, int> steps[] = {
-        {"new", 1, 1},        {"in place", 2, 2},           {"new", 3, 3}, {"remove", 0, 0},
-        {"two names", 4, 4},  {"in place, other name", 5, 5}, {"new", 6, 6}, {"in place", 7, 6},
-        {"directory moved", 8, 8}};
+        {"new", 1, 1},    {"in place", 2, 2},  {"new", 3, 3},
+        {"remove", 0, 0}, {"two names", 4, 4}, {"in place, other name", 5, 5},
+        {"new", 6, 6},    {"in place", 7, 6},  {"directory moved", 8, 8}};
     for (const auto& [change, mark, size] : steps) {
         if (!watched && (change == "directory moved" || (change == "in place" && size == 6)))
             continue;
