@@ -190,12 +190,13 @@ TEST_F(EntryTable, AllocationCountsTheHelperWhichLoadsAtTheHeadUnlessItChanged)
         errorLog("AllocateIndexBuffer", "Error:Refused the following file, not a regular file- " + path) +
         errorLog("ReadHelperFile", "Error:Unable to get file size! - " + path);
     // The new bytes; the helper's size when sized and when read (-1: gone by then; -2: a directory, last as it stays);
-    // whether the table is allocated; the log. A full bucket less 15 bytes still fits 30 helper bytes.
+    // whether the table is allocated; the log. A full bucket less 15 bytes still fits 30 helper bytes, and a helper
+    // with no new bytes fills its table exactly.
     const std::tuple<DWORD, int, int, bool, QStringList> cases[] = {
         {16, 48, 48, true, {}},        {16, 50, 50, true, {}},          {16, 0, 0, true, {}},
         {16, 32, -1, true, {}},        {16, 32, 64, true, tooSmall},    {full, 0, 0, true, {}},
         {full - 15, 30, 30, true, {}}, {full, 16, 16, false, overFull}, {most, 0, 0, false, overMost},
-        {16, -2, -2, true, directory}};
+        {0, 48, 48, true, {}},         {16, -2, -2, true, directory}};
     for (const auto& [size, sized, read, fits, log] : cases) {
         SCOPED_TRACE(testing::Message() << size << " bytes, helper " << sized << " then " << read);
         QFile::remove(path);
