@@ -18,8 +18,10 @@ constexpr int kMaxKept = 512;
 // What the watch reports: any change to a file's bytes, size or attributes
 // (link count included), and any name that comes or goes.
 constexpr uint32_t kWatchedChanges = IN_MODIFY | IN_ATTRIB | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
-// The watch itself is gone or no longer names the source directory.
-constexpr uint32_t kWatchLost = IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT;
+// The source directory itself moved or went, so the watch no longer names it;
+// the kernel ends a watch with IN_IGNORED (IN_UNMOUNT before it).
+constexpr uint32_t kDirectoryGone = IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr uint32_t kWatchLost = kDirectoryGone | IN_IGNORED | IN_UNMOUNT;
 
 bool sameTime(const struct timespec& a, const struct timespec& b)
 {
@@ -70,8 +72,8 @@ void SourceFiles::startWatch(const QByteArray& dir)
     const int savedErrno = errno;  // a failed watch is no error of the caller's
     m_Watch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     // A symbolic link to the directory could be turned elsewhere unseen: no watch then.
-    if (m_Watch >= 0 &&
-        ::inotify_add_watch(m_Watch, dir.constData(), kWatchedChanges | kWatchLost | IN_ONLYDIR | IN_DONT_FOLLOW) < 0)
+    if (m_Watch >= 0 && ::inotify_add_watch(m_Watch, dir.constData(),
+                                            kWatchedChanges | kDirectoryGone | IN_ONLYDIR | IN_DONT_FOLLOW) < 0)
         stopWatch();
     m_WatchedDir = dir + '/';
     errno = savedErrno;
@@ -92,6 +94,8 @@ void SourceFiles::watchChanges()
     alignas(inotify_event) char events[4096];
     for (;;) {
         const ssize_t got = ::read(m_Watch, events, sizeof events);
+        if (got < 0 && errno == EINTR)
+            continue;
         if (got < 0 && errno == EAGAIN)
             break;  // nothing more has changed
         bool lost = got <= 0;
