@@ -62,6 +62,13 @@ Status scratchFileWith(const QByteArray& text, QString* name)
     return fileio::writeNewFile(*name, text);
 }
 
+// Removes what scratchFileWith made; no name when it made none.
+void removeScratch(const QString& name)
+{
+    if (!name.isEmpty())
+        QFile::remove(name);
+}
+
 // True when text holds every key of a settings object with keyCount keys:
 // QSettings writes each key on a line of its own, the only lines with an
 // "=" (section names escape it), and ends the file with a line end. A save
@@ -93,7 +100,7 @@ Status parsedIniText(const QByteArray& text, QVariantMap* contents)
         QSettings settings(copy, QSettings::IniFormat);
         *contents = contentsOf(settings);
     }
-    QFile::remove(copy);
+    removeScratch(copy);
     return status;
 }
 
@@ -124,7 +131,7 @@ Status editedIniText(const QByteArray& text, const std::function<void(QSettings&
     }
     if (status.isOk())
         status = fileio::readAll(edited, kMaxIniFileSize, result);
-    QFile::remove(edited);
+    removeScratch(edited);
     if (status.isOk() && !holdsEveryKey(*result, keyCount))
         status = Status::error(ENOSPC, "write " + edited + " (QSettings wrote it short)");
     return status;
@@ -149,7 +156,7 @@ QVariant iniValue(const QString& section, const QString& key, const QVariant& de
         value = settings.value(key, defaultValue);
         settings.endGroup();
     }
-    QFile::remove(scratch);
+    removeScratch(scratch);
     return value;
 }
 
