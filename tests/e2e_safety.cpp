@@ -268,7 +268,7 @@ TEST(EndToEndField, NothingIsCreatedInWorldWritableDirectories)
     ASSERT_TRUE(readFile(nxformat::helperProgressPath(host, "wdx00")).contains("=02\n"));
     QStringList created, inShared;
     for (const QString& call : QString::fromUtf8(readFile(trace)).split('\n')) {
-        const QString name = call.section(' ', 1).section('(', 0, 0);
+        const QString name = call.simplified().section(' ', 1).section('(', 0, 0);  // strace pads short pids
         if (!(call.contains("O_CREAT") || (!name.startsWith("open") && !call.contains("= -1 "))))
             continue;
         created << call;
