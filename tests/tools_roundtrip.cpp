@@ -5,6 +5,7 @@
 #include "ynsample.h"
 
 #include <QFile>
+#include <QJsonDocument>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -150,6 +151,16 @@ TEST(ToolsRoundTrip, LookupFindsKeysAlsoWhereByte3DiffersAndSummaryIsExact)
               "  size record      2064#NXI, matches the status file\n"
               "  progress marks   2 buckets marked, last merged file 1 to 1\n"
               "                   the next run reads 0 of them: its reader stops at the first bucket without a mark\n");
+    // The same figures, and verify's, as JSON for scripts: key files 2 * 3 + 512 and 2 * 1 + 512 bytes.
+    auto json = [&](const char* command) {
+        return QJsonDocument::fromJson(runTool("nxinspect", {command, "--json", install.root()}).out.toUtf8());
+    };
+    EXPECT_EQ(json("summary"), QJsonDocument::fromJson(R"({"databases": [{"name": "wdx00", "buckets": 2, "records": 4,
+        "damaged_buckets": 0, "bytes": {"key": 1032, "payload": 48, "entry": 64},
+        "status_file": {"bytes": 2064, "blocks": 2}, "size_record": {"value": "2064#NXI", "matches": true},
+        "progress_marks": {"buckets": 2, "lowest": 1, "highest": 1, "read_next_run": 0}}]})"));
+    EXPECT_EQ(json("verify"), QJsonDocument::fromJson(R"({"databases": [{"name": "wdx00", "buckets": 2, "records": 4,
+        "violations": []}], "violations": 0})"));
 }
 
 TEST(ToolsSample, SameSeedGivesTheSameTreeAndAnotherSeedAnother)
