@@ -98,28 +98,35 @@ void SourceFiles::watchChanges()
             continue;
         if (got < 0 && errno == EAGAIN)
             break;  // nothing more has changed
-        bool lost = got <= 0;
-        for (size_t at = 0; !lost && at + sizeof(inotify_event) <= size_t(got);) {
-            const auto* event = reinterpret_cast<const inotify_event*>(events + at);
-            at += sizeof(inotify_event) + event->len;
-            if (at > size_t(got) || (event->mask & kWatchLost)) {
-                lost = true;
-            } else if (event->mask & IN_Q_OVERFLOW) {
-                dropAll();  // changes were missed: trust nothing kept
-            } else if (event->len > 0) {
-                const auto kept =
-                    m_Kept.find(m_WatchedDir + QByteArray(event->name, int(strnlen(event->name, event->len))));
-                if (kept != m_Kept.end())
-                    drop(kept);
-            }
-        }
-        if (lost) {
+        if (got <= 0 || !applyEvents(events, size_t(got))) {
             stopWatch();  // each use checks with fstat from here on
             dropAll();
             break;
         }
     }
     errno = savedErrno;
+}
+
+bool SourceFiles::applyEvents(const char* events, size_t size)
+{
+    for (size_t at = 0; at + sizeof(inotify_event) <= size;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(events + at);
+        at += sizeof(inotify_event) + event->len;
+        if (at > size || (event->mask & kWatchLost))
+            return false;
+        if (event->mask & IN_Q_OVERFLOW)
+            dropAll();  // changes were missed: trust nothing kept
+        else if (event->len > 0)
+            dropNamed(QByteArray(event->name, int(strnlen(event->name, event->len))));
+    }
+    return true;
+}
+
+void SourceFiles::dropNamed(const QByteArray& name)
+{
+    const auto kept = m_Kept.find(m_WatchedDir + name);
+    if (kept != m_Kept.end())
+        drop(kept);
 }
 
 bool SourceFiles::exists(const char* path)

@@ -76,6 +76,10 @@ private:
     void dropAll();
     void startWatch(const QByteArray& dir);
     void stopWatch();
+    // Acts on a buffer of watch events; false when the watch is lost or the
+    // buffer cannot be read.
+    bool applyEvents(const char* events, size_t size);
+    void dropNamed(const QByteArray& name);  // the kept file of that name in the watched directory
 
     QString m_PathsHost;
     QByteArray m_PathsDb;
